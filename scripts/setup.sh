@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# Prepares everything on a fresh Debian 12 machine (as root): installs the
+# cross compiler, Wine and the test framework when missing, configures and
+# builds Torvex.dll, torvex.exe and the tests, and initialises the private
+# Wine prefix in the build tree.
+set -euo pipefail
+
+ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+BUILD=${TORVEX_BUILD_DIR:-$ROOT/build}
+
+missing=()
+command -v x86_64-w64-mingw32-g++-posix >/dev/null 2>&1 || missing+=(mingw-w64)
+[ -x /usr/lib/wine/wine64 ] || missing+=(wine64 wine)
+command -v cmake >/dev/null 2>&1 || missing+=(cmake)
+command -v ninja >/dev/null 2>&1 || missing+=(ninja-build)
+[ -f /usr/src/googletest/CMakeLists.txt ] || missing+=(googletest)
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "setup: installing ${missing[*]}"
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -qq
+  apt-get install -y -qq "${missing[@]}" >/dev/null
+fi
+
+cmake -S "$ROOT" -B "$BUILD" -G Ninja \
+  -DCMAKE_TOOLCHAIN_FILE="$ROOT/cmake/mingw-w64-x86_64.cmake" \
+  -DCMAKE_BUILD_TYPE=Release >/dev/null
+cmake --build "$BUILD" -j "$(nproc)"
+
+export WINEPREFIX="$BUILD/wineprefix" WINEDEBUG=-all
+if [ ! -f "$WINEPREFIX/system.reg" ]; then
+  echo "setup: initialising the Wine prefix in $WINEPREFIX"
+  WINEDLLOVERRIDES="mscoree,mshtml=" wine wineboot -i >/dev/null 2>&1
+  wineserver -w
+fi

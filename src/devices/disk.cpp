@@ -1,0 +1,7 @@
+// Placeholder until the module is built: the class answers 0, as the Hal API
+// does for classes it does not serve.
+#include "api/modules.h"
+
+uint32_t GetPhysicalDiskCount() { return 0; }
+uint32_t DiskOpen(void*) { return 0; }
+uint32_t DiskQueryInformation(void*, uint32_t, void*, uint32_t, uint32_t*) { return 0; }

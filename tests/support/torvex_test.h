@@ -1,0 +1,69 @@
+// Shared test support: every test program links Torvex.dll through its import
+// library and calls the exports exactly as a host does. The operating system
+// beneath the DLL is replaced per test by import redirection and registered
+// COM classes, never by hooks inside the library.
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+#include <vector>
+
+#include "torvex.h"
+
+namespace torvex::test {
+
+// The loaded Torvex.dll.
+HMODULE TorvexModule();
+
+// Directory of the running test program (where Torvex.dll and test DLLs live).
+std::wstring ProgramDirectory();
+
+// Rewrites Torvex.dll's import address table entries for one imported
+// function for the lifetime of the object, then restores them. Every import
+// descriptor that names the function is patched. A function the DLL does not
+// import fails the current test.
+class ImportPatch {
+public:
+    ImportPatch(const char* function, void* replacement, HMODULE module = TorvexModule());
+    ~ImportPatch();
+    ImportPatch(const ImportPatch&) = delete;
+    ImportPatch& operator=(const ImportPatch&) = delete;
+    ImportPatch(ImportPatch&& other) noexcept;
+
+    // The function the slot held before (the real one), for pass-through.
+    template <typename Fn>
+    Fn Original() const {
+        return reinterpret_cast<Fn>(original_);
+    }
+    bool patched() const { return !slots_.empty(); }
+
+private:
+    std::vector<void**> slots_;
+    void* original_ = nullptr;
+};
+
+// Typed convenience: Redirect("WlanOpenHandle", &FakeWlanOpenHandle).
+template <typename Fn>
+ImportPatch Redirect(const char* function, Fn* replacement) {
+    return ImportPatch(function, reinterpret_cast<void*>(replacement));
+}
+
+// True when Torvex.dll imports the function by that name.
+bool Imports(const char* function, HMODULE module = TorvexModule());
+
+// Collects what Torvex.dll sends to OutputDebugStringW while it lives.
+class DebugCapture {
+public:
+    DebugCapture();
+    ~DebugCapture();
+    std::vector<std::wstring> Messages() const;
+    void Clear();
+    // True when some message equals text exactly.
+    bool Contains(const std::wstring& text) const;
+
+private:
+    ImportPatch patch_;
+};
+
+}  // namespace torvex::test

@@ -1,0 +1,351 @@
+// torvex.exe entry point: command dispatch, help, and the report renderers.
+#include <cstdio>
+#include <cstdlib>
+#include <algorithm>
+#include <cmath>
+#include <map>
+#include <sstream>
+
+#include "tool.h"
+
+namespace tool {
+namespace {
+
+struct SectionProvider {
+    int order;
+    const char* key;
+    const char* title;
+    SectionFn fill;
+};
+
+struct Command {
+    const char* name;
+    const char* usage;
+    const char* summary;
+    const char* example;
+    CommandFn run;
+};
+
+std::vector<SectionProvider>& Sections() {
+    static std::vector<SectionProvider> sections;
+    return sections;
+}
+
+std::map<std::string, Command>& Commands() {
+    static std::map<std::string, Command> commands;
+    return commands;
+}
+
+template <typename Fn>
+void Resolve(HMODULE module, const char* name, Fn& slot) {
+    slot = reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(module, name)));
+    if (slot == nullptr) {
+        PrintError(std::string("torvex: Torvex.dll does not export ") + name);
+        std::exit(kExitRefused);
+    }
+}
+
+}  // namespace
+
+SectionRegistration::SectionRegistration(int order, const char* key, const char* title, SectionFn fill) {
+    Sections().push_back({order, key, title, fill});
+}
+
+CommandRegistration::CommandRegistration(const char* name, const char* usage, const char* summary,
+                                         const char* example, CommandFn run) {
+    Commands()[name] = {name, usage, summary, example, run};
+}
+
+const Api& Library() {
+    static Api api = [] {
+        Api loaded;
+        wchar_t path[MAX_PATH] = {};
+        GetModuleFileNameW(nullptr, path, MAX_PATH);
+        std::wstring dir(path);
+        dir = dir.substr(0, dir.find_last_of(L"\\/") + 1);
+        loaded.module = LoadLibraryW((dir + L"Torvex.dll").c_str());
+        if (loaded.module == nullptr) {
+            PrintError("torvex: cannot load Torvex.dll from " + Utf8(dir) + " (error " +
+                       std::to_string(GetLastError()) + ")");
+            std::exit(kExitRefused);
+        }
+        Resolve(loaded.module, "HalInit", loaded.HalInit);
+        Resolve(loaded.module, "HalOpenDevice", loaded.HalOpenDevice);
+        Resolve(loaded.module, "HalCloseDevice", loaded.HalCloseDevice);
+        Resolve(loaded.module, "HalRead", loaded.HalRead);
+        Resolve(loaded.module, "HalWrite", loaded.HalWrite);
+        Resolve(loaded.module, "HalQueryInformation", loaded.HalQueryInformation);
+        Resolve(loaded.module, "HalSetInformation", loaded.HalSetInformation);
+        Resolve(loaded.module, "HalControl", loaded.HalControl);
+        Resolve(loaded.module, "HalSetCallback", loaded.HalSetCallback);
+        return loaded;
+    }();
+    return api;
+}
+
+void FreeRecord(void* record) { std::free(record); }
+
+void Section::Text(const std::string& name, const std::string& value) {
+    Fact fact;
+    fact.name = name;
+    fact.text = value;
+    facts.push_back(fact);
+}
+
+void Section::Number(const std::string& name, double value, const std::string& unit) {
+    Fact fact;
+    fact.name = name;
+    fact.number = value;
+    fact.unit = unit;
+    facts.push_back(fact);
+}
+
+void Section::Missing(const std::string& name, const std::string& reason) {
+    Fact fact;
+    fact.name = name;
+    fact.reason = reason;
+    facts.push_back(fact);
+}
+
+void Print(const std::string& utf8) {
+    std::fwrite(utf8.data(), 1, utf8.size(), stdout);
+}
+
+void PrintLine(const std::string& utf8) {
+    Print(utf8);
+    Print("\n");
+}
+
+void PrintError(const std::string& utf8) {
+    std::fflush(stdout);
+    std::fwrite(utf8.data(), 1, utf8.size(), stderr);
+    std::fwrite("\n", 1, 1, stderr);
+}
+
+std::string Utf8(const wchar_t* text, size_t length) {
+    if (length == 0) return {};
+    const int size = WideCharToMultiByte(CP_UTF8, 0, text, static_cast<int>(length), nullptr, 0, nullptr, nullptr);
+    std::string out(static_cast<size_t>(size), '\0');
+    WideCharToMultiByte(CP_UTF8, 0, text, static_cast<int>(length), out.data(), size, nullptr, nullptr);
+    return out;
+}
+
+std::string Utf8(const std::wstring& text) { return Utf8(text.data(), text.size()); }
+
+std::wstring Wide(const std::string& utf8) {
+    if (utf8.empty()) return {};
+    const int size = MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()), nullptr, 0);
+    std::wstring out(static_cast<size_t>(size), L'\0');
+    MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()), out.data(), size);
+    return out;
+}
+
+std::string Narrow(const uint8_t* bytes, uint32_t length) {
+    return std::string(reinterpret_cast<const char*>(bytes), length);
+}
+
+std::optional<uint64_t> ParseNumber(const std::wstring& text) {
+    if (text.empty()) return std::nullopt;
+    int base = 10;
+    size_t start = 0;
+    if (text.size() > 2 && text[0] == L'0' && (text[1] == L'x' || text[1] == L'X')) {
+        base = 16;
+        start = 2;
+    }
+    uint64_t value = 0;
+    for (size_t i = start; i < text.size(); ++i) {
+        const wchar_t c = text[i];
+        unsigned digit;
+        if (c >= L'0' && c <= L'9') digit = c - L'0';
+        else if (base == 16 && c >= L'a' && c <= L'f') digit = c - L'a' + 10;
+        else if (base == 16 && c >= L'A' && c <= L'F') digit = c - L'A' + 10;
+        else return std::nullopt;
+        if (digit >= static_cast<unsigned>(base)) return std::nullopt;
+        if (value > (UINT64_MAX - digit) / base) return std::nullopt;
+        value = value * base + digit;
+    }
+    return value;
+}
+
+int UsageError(const char* command, const std::string& message) {
+    auto it = Commands().find(command);
+    std::string usage = it != Commands().end() ? it->second.usage : "torvex --help";
+    PrintError(std::string("torvex ") + command + ": " + message + " (usage: torvex " + usage + ")");
+    return kExitUsage;
+}
+
+namespace {
+
+std::string FormatNumber(double value) {
+    std::ostringstream out;
+    if (std::floor(value) == value && std::fabs(value) < 1e18) {
+        out << static_cast<long long>(value);
+    } else {
+        out.precision(6);
+        out << value;
+    }
+    return out.str();
+}
+
+std::string JsonString(const std::string& text) {
+    std::string out = "\"";
+    for (unsigned char c : text) {
+        switch (c) {
+        case '"': out += "\\\""; break;
+        case '\\': out += "\\\\"; break;
+        case '\n': out += "\\n"; break;
+        case '\r': out += "\\r"; break;
+        case '\t': out += "\\t"; break;
+        default:
+            if (c < 0x20) {
+                char buffer[8];
+                std::snprintf(buffer, sizeof(buffer), "\\u%04x", c);
+                out += buffer;
+            } else {
+                out += static_cast<char>(c);
+            }
+        }
+    }
+    return out + "\"";
+}
+
+// JSON key of a fact: its name in lower case with blanks as underscores.
+std::string JsonKey(const std::string& name) {
+    std::string key;
+    for (char c : name) {
+        if (c == ' ' || c == '-' || c == '/') key += '_';
+        else if (c >= 'A' && c <= 'Z') key += static_cast<char>(c - 'A' + 'a');
+        else if ((c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_') key += c;
+    }
+    return key;
+}
+
+void RenderText(const Section& section, int depth) {
+    const std::string indent(static_cast<size_t>(depth) * 2, ' ');
+    PrintLine(indent + (depth == 0 ? "== " + section.title + " ==" : section.title));
+    if (!section.note.empty()) PrintLine(indent + "  " + section.note);
+    size_t width = 0;
+    for (const Fact& fact : section.facts) width = std::max(width, fact.name.size());
+    for (const Fact& fact : section.facts) {
+        std::string value;
+        if (fact.text) value = *fact.text;
+        else if (fact.number) value = FormatNumber(*fact.number) + (fact.unit.empty() ? "" : " " + fact.unit);
+        else value = "not available (" + fact.reason + ")";
+        PrintLine(indent + "  " + fact.name + ":" + std::string(width - fact.name.size() + 1, ' ') + value);
+    }
+    for (const Section& child : section.children) RenderText(child, depth + 1);
+    if (depth == 0) PrintLine();
+}
+
+void RenderJson(const Section& section, int depth) {
+    const std::string pad(static_cast<size_t>(depth) * 2, ' ');
+    PrintLine("{");
+    std::vector<std::string> members;
+    members.push_back(pad + "  \"available\": " + (section.note.empty() ? "true" : "false"));
+    if (!section.note.empty()) members.push_back(pad + "  \"note\": " + JsonString(section.note));
+    for (const Fact& fact : section.facts) {
+        std::string value = fact.text ? JsonString(*fact.text) : fact.number ? FormatNumber(*fact.number) : "null";
+        members.push_back(pad + "  " + JsonString(JsonKey(fact.name)) + ": " + value);
+    }
+    for (size_t i = 0; i < members.size(); ++i) {
+        Print(members[i]);
+        PrintLine(i + 1 < members.size() || !section.children.empty() ? "," : "");
+    }
+    if (!section.children.empty()) {
+        PrintLine(pad + "  \"items\": [");
+        for (size_t i = 0; i < section.children.size(); ++i) {
+            Print(pad + "    ");
+            RenderJson(section.children[i], depth + 2);
+            PrintLine(i + 1 < section.children.size() ? "," : "");
+        }
+        PrintLine(pad + "  ]");
+    }
+    Print(pad + "}");
+}
+
+int RunReport(const std::vector<std::wstring>& args) {
+    bool json = false;
+    for (const auto& arg : args) {
+        if (arg == L"--json") json = true;
+        else return UsageError("report", "unknown option " + Utf8(arg));
+    }
+    std::vector<SectionProvider> providers = Sections();
+    std::stable_sort(providers.begin(), providers.end(),
+                     [](const SectionProvider& a, const SectionProvider& b) { return a.order < b.order; });
+    std::vector<Section> sections;
+    for (const auto& provider : providers) {
+        Section section;
+        section.key = provider.key;
+        section.title = provider.title;
+        provider.fill(section);
+        sections.push_back(std::move(section));
+    }
+    if (json) {
+        PrintLine("{");
+        PrintLine("  \"schema\": \"torvex-report/1\",");
+        for (size_t i = 0; i < sections.size(); ++i) {
+            Print("  " + JsonString(sections[i].key) + ": ");
+            RenderJson(sections[i], 1);
+            PrintLine(i + 1 < sections.size() ? "," : "");
+        }
+        PrintLine("}");
+    } else {
+        for (const auto& section : sections) RenderText(section, 0);
+    }
+    return kExitOk;
+}
+
+const CommandRegistration kReport("report", "report [--json]",
+                                  "print what every device class answers, as text or as one JSON document",
+                                  "torvex report --json", RunReport);
+
+void PrintHelp() {
+    PrintLine("torvex - look at this machine through Torvex.dll");
+    PrintLine();
+    PrintLine("usage: torvex COMMAND [ARGS...]");
+    PrintLine("       torvex help COMMAND");
+    PrintLine();
+    PrintLine("commands:");
+    size_t width = 0;
+    for (const auto& [name, command] : Commands()) width = std::max(width, name.size());
+    for (const auto& [name, command] : Commands())
+        PrintLine("  " + name + std::string(width - name.size() + 2, ' ') + command.summary);
+    PrintLine();
+    PrintLine("exit status: 0 success, 1 usage error, 2 the library refused");
+}
+
+int RunHelp(const std::vector<std::wstring>& args) {
+    if (args.empty()) {
+        PrintHelp();
+        return kExitOk;
+    }
+    auto it = Commands().find(Utf8(args[0]));
+    if (it == Commands().end()) return UsageError("help", "unknown command " + Utf8(args[0]));
+    PrintLine(std::string("usage: torvex ") + it->second.usage);
+    PrintLine(std::string("  ") + it->second.summary);
+    PrintLine(std::string("example: ") + it->second.example);
+    return kExitOk;
+}
+
+const CommandRegistration kHelp("help", "help [COMMAND]", "describe the commands, or one command",
+                                "torvex help report", RunHelp);
+
+}  // namespace
+}  // namespace tool
+
+int wmain(int argc, wchar_t** argv) {
+    SetConsoleOutputCP(CP_UTF8);
+    std::vector<std::wstring> args(argv + 1, argv + argc);
+    if (args.empty() || args[0] == L"--help" || args[0] == L"-h") {
+        return tool::Commands().at("help").run({});
+    }
+    const std::string name = tool::Utf8(args[0]);
+    auto it = tool::Commands().find(name);
+    if (it == tool::Commands().end()) {
+        tool::PrintError("torvex: unknown command '" + name + "' (see torvex --help)");
+        return tool::kExitUsage;
+    }
+    args.erase(args.begin());
+    if (!args.empty() && (args[0] == L"--help" || args[0] == L"-h")) return tool::Commands().at("help").run({tool::Wide(name)});
+    return it->second.run(args);
+}

@@ -1,0 +1,102 @@
+// torvex.exe: the support engineer's look at a machine through Torvex.dll.
+// The Hal API is reached as the suite's services reach it: the DLL is loaded
+// at run time and its exports looked up by name.
+#pragma once
+
+#include <windows.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "torvex.h"
+
+namespace tool {
+
+// The Hal API and module entry points, resolved from the loaded DLL.
+struct Api {
+    HMODULE module = nullptr;
+    decltype(&::HalInit) HalInit = nullptr;
+    decltype(&::HalOpenDevice) HalOpenDevice = nullptr;
+    decltype(&::HalCloseDevice) HalCloseDevice = nullptr;
+    decltype(&::HalRead) HalRead = nullptr;
+    decltype(&::HalWrite) HalWrite = nullptr;
+    decltype(&::HalQueryInformation) HalQueryInformation = nullptr;
+    decltype(&::HalSetInformation) HalSetInformation = nullptr;
+    decltype(&::HalControl) HalControl = nullptr;
+    decltype(&::HalSetCallback) HalSetCallback = nullptr;
+};
+
+// Loads Torvex.dll from the tool's own directory; exits with a message when
+// it cannot.
+const Api& Library();
+
+// Free a record the library handed out (the C runtime's free, as the DLL's malloc).
+void FreeRecord(void* record);
+
+// Report model: sections of named facts, rendered as aligned text or JSON.
+struct Fact {
+    std::string name;
+    std::optional<std::string> text;   // text value
+    std::optional<double> number;      // numeric value
+    std::string unit;                  // printed after a number in text form
+    std::string reason;                // why the fact is not available
+};
+
+struct Section {
+    std::string key;    // JSON key
+    std::string title;  // heading in text form
+    std::string note;   // a line of its own (e.g. "not available: ...")
+    std::vector<Fact> facts;
+    std::vector<Section> children;  // per-device subsections (disks, modules, ...)
+
+    void Text(const std::string& name, const std::string& value);
+    void Number(const std::string& name, double value, const std::string& unit = "");
+    void Missing(const std::string& name, const std::string& reason);
+};
+
+// A report section provider, registered by the file that implements it.
+using SectionFn = void (*)(Section&);
+struct SectionRegistration {
+    SectionRegistration(int order, const char* key, const char* title, SectionFn fill);
+};
+
+// A command: torvex NAME ARGS...; returns the exit status
+// (0 success, 1 usage error, 2 the library refused).
+using CommandFn = int (*)(const std::vector<std::wstring>& args);
+struct CommandRegistration {
+    CommandRegistration(const char* name, const char* usage, const char* summary, const char* example,
+                        CommandFn run);
+};
+
+constexpr int kExitOk = 0;
+constexpr int kExitUsage = 1;
+constexpr int kExitRefused = 2;
+
+// Console output in UTF-8.
+void Print(const std::string& utf8);
+void PrintLine(const std::string& utf8 = "");
+void PrintError(const std::string& utf8);
+std::string Utf8(const std::wstring& text);
+std::string Utf8(const wchar_t* text, size_t length);
+std::wstring Wide(const std::string& utf8);
+
+// Usage error: prints the message and the command's usage; returns kExitUsage.
+int UsageError(const char* command, const std::string& message);
+
+// Parses an unsigned decimal or 0x-hex number; nullopt when malformed.
+std::optional<uint64_t> ParseNumber(const std::wstring& text);
+
+// Narrow text answer of a query (text codes without terminator).
+std::string Narrow(const uint8_t* bytes, uint32_t length);
+
+}  // namespace tool
+
+namespace tool {
+
+// For a class whose report shows only whether it initialises: HalInit(type)
+// and a note when it answers 0. Frees a record it was given.
+void InitOnlySection(Section& section, HalDeviceType type);
+
+}  // namespace tool
