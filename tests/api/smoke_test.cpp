@@ -1,3 +1,0 @@
-#include <gtest/gtest.h>
-#include "support/torvex_test.h"
-TEST(Smoke, Loads) { EXPECT_NE(torvex::test::TorvexModule(), nullptr); }
