@@ -104,7 +104,12 @@ inline Bstr MakeBstr(const wchar_t* text) { return Bstr(::SysAllocString(text));
 // VARIANT that is cleared when it goes out of scope.
 class Variant {
 public:
-    Variant() noexcept { ::VariantInit(&value_); }
+    // Zeroed as a whole, so that reading a field wider than the value's own
+    // type sees zeros rather than stale bytes.
+    Variant() noexcept {
+        ZeroMemory(&value_, sizeof(value_));
+        ::VariantInit(&value_);
+    }
     ~Variant() { ::VariantClear(&value_); }
     Variant(const Variant&) = delete;
     Variant& operator=(const Variant&) = delete;

@@ -10,6 +10,7 @@
 
 #include <windows.h>
 #include <oleauto.h>
+#include <wbemcli.h>
 
 #include <cstdint>
 #include <functional>
@@ -104,8 +105,9 @@ public:
 
     void Reset();  // forget scripted rows, failures and the call logs
 
+    struct State;  // shared with the fake objects
+
 private:
-    struct State;
     std::shared_ptr<State> state_;
     DWORD cookie_ = 0;
 };
