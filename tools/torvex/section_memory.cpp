@@ -4,7 +4,64 @@
 namespace tool {
 namespace {
 
-void Fill(Section& section) { InitOnlySection(section, HAL_CLASS_MEMORY); }
+// The library answers in the system's ANSI code page.
+std::string AnsiToUtf8(const char* bytes, uint32_t length) {
+    if (length == 0) return std::string();
+    const int units = MultiByteToWideChar(CP_ACP, 0, bytes, static_cast<int>(length), nullptr, 0);
+    if (units <= 0) return std::string(bytes, length);
+    std::wstring wide(static_cast<size_t>(units), L'\0');
+    MultiByteToWideChar(CP_ACP, 0, bytes, static_cast<int>(length), wide.data(), units);
+    return Utf8(wide);
+}
+
+void AddText(const Api& api, Section& module, HalMemoryModuleEntry* entry, HalMemoryCode code, const char* name) {
+    char buffer[512];
+    uint32_t written = 0;
+    if (api.HalQueryInformation(HAL_CLASS_MEMORY, entry, code, buffer, sizeof(buffer), &written))
+        module.Text(name, AnsiToUtf8(buffer, written));
+    else
+        module.Missing(name, "not reported by WMI");
+}
+
+void Fill(Section& section) {
+    const Api& api = Library();
+    void* raw = nullptr;
+    if (api.HalInit(HAL_CLASS_MEMORY, &raw) == 0) {
+        section.note = "not available: HalInit(13) answered 0 (no module in Win32_PhysicalMemory)";
+        return;
+    }
+    auto* list = static_cast<HalMemoryModuleList*>(raw);
+    section.Number("modules", list->count);
+    uint64_t totalMib = 0;
+    for (uint32_t i = 0; i < list->count; ++i) {
+        HalMemoryModuleEntry* entry = &list->entries[i];
+        Section module;
+        module.key = "module";
+        module.title = "module " + std::to_string(i);
+        AddText(api, module, entry, HAL_MM_SLOT, "slot");
+        AddText(api, module, entry, HAL_MM_MANUFACTURER, "maker");
+        AddText(api, module, entry, HAL_MM_PART_NUMBER, "part number");
+        AddText(api, module, entry, HAL_MM_SERIAL_NUMBER, "serial number");
+
+        // Sizes and clocks are written in full whatever size is passed: give them room.
+        uint64_t mib = 0;
+        uint32_t written = 0;
+        if (api.HalQueryInformation(HAL_CLASS_MEMORY, entry, HAL_MM_CAPACITY_MIB, &mib, sizeof(mib), &written)) {
+            module.Number("size", static_cast<double>(mib), "MiB");
+            totalMib += mib;
+        } else {
+            module.Missing("size", "no capacity reported");
+        }
+        uint32_t mhz = 0;
+        if (api.HalQueryInformation(HAL_CLASS_MEMORY, entry, HAL_MM_CLOCK_MHZ, &mhz, sizeof(mhz), &written))
+            module.Number("clock", mhz, "MHz");
+        else
+            module.Missing("clock", "no configured clock speed reported");
+        section.children.push_back(std::move(module));
+    }
+    section.Number("total size", static_cast<double>(totalMib), "MiB");
+    FreeRecord(list);
+}
 
 const SectionRegistration kSection(30, "memory", "Memory modules", Fill);
 
