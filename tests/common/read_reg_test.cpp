@@ -14,14 +14,11 @@ using torvex::test::Redirect;
 
 namespace {
 
-constexpr REGSAM kTestAccess = KEY_ALL_ACCESS | KEY_WOW64_64KEY;
-
 class ReadRegTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        subKey_ = L"SOFTWARE\\TorvexRegTest" + std::to_wstring(::GetCurrentProcessId());
-        ASSERT_EQ(::RegCreateKeyExW(HKEY_LOCAL_MACHINE, subKey_.c_str(), 0, nullptr, 0, kTestAccess, nullptr,
-                                    &key_, nullptr),
+        ASSERT_EQ(::RegCreateKeyExW(HKEY_LOCAL_MACHINE, subKey_.c_str(), 0, nullptr, 0,
+                                    KEY_ALL_ACCESS | KEY_WOW64_64KEY, nullptr, &key_, nullptr),
                   ERROR_SUCCESS);
     }
     void TearDown() override {
@@ -29,141 +26,87 @@ protected:
         ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, subKey_.c_str());
         ::RegDeleteKeyExW(HKEY_LOCAL_MACHINE, subKey_.c_str(), KEY_WOW64_64KEY, 0);
     }
-
-    void PutRaw(const wchar_t* name, DWORD type, const void* data, DWORD size) {
-        ASSERT_EQ(::RegSetValueExW(key_, name, 0, type, static_cast<const BYTE*>(data), size), ERROR_SUCCESS);
-    }
     void PutText(const wchar_t* name, const std::wstring& text) {
-        PutRaw(name, REG_SZ, text.c_str(), static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
+        ASSERT_EQ(::RegSetValueExW(key_, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(text.c_str()),
+                                   static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t))),
+                  ERROR_SUCCESS);
+    }
+    // What the registry really holds: type and byte size (0 when absent).
+    std::pair<DWORD, DWORD> TypeAndSize(const wchar_t* name) {
+        DWORD type = 0, size = 0;
+        if (::RegQueryValueExW(key_, name, nullptr, &type, nullptr, &size) != ERROR_SUCCESS) return {0, 0};
+        return {type, size};
     }
 
-    // What the registry really holds: type and raw bytes.
-    struct Raw {
-        DWORD type = 0;
-        std::vector<BYTE> bytes;
-    };
-    Raw GetRaw(const wchar_t* name) {
-        Raw raw;
-        DWORD size = 0;
-        if (::RegQueryValueExW(key_, name, nullptr, &raw.type, nullptr, &size) != ERROR_SUCCESS) return raw;
-        raw.bytes.resize(size);
-        ::RegQueryValueExW(key_, name, nullptr, &raw.type, raw.bytes.data(), &size);
-        return raw;
-    }
-
-    static bool KeyExists(const std::wstring& path) {
-        HKEY key = nullptr;
-        if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, KEY_READ | KEY_WOW64_64KEY, &key) !=
-            ERROR_SUCCESS)
-            return false;
-        ::RegCloseKey(key);
-        return true;
-    }
-
-    std::wstring subKey_;
+    const std::wstring subKey_ = L"SOFTWARE\\TorvexRegTest" + std::to_wstring(::GetCurrentProcessId());
     HKEY key_ = nullptr;
 };
 
-TEST_F(ReadRegTest, DwordWrittenIsReadBack) {
+TEST_F(ReadRegTest, WrittenValuesReadBackWithTheirTypes) {
     ASSERT_TRUE(ReadReg::WrightLocalMachineRegDW(subKey_, L"Level", 0xDEADBEEF));
-    const Raw raw = GetRaw(L"Level");
-    EXPECT_EQ(raw.type, static_cast<DWORD>(REG_DWORD));
-    ASSERT_EQ(raw.bytes.size(), 4u);
-
+    EXPECT_EQ(TypeAndSize(L"Level"), std::make_pair(DWORD{REG_DWORD}, DWORD{4}));
     unsigned long value = 0;
     EXPECT_TRUE(ReadReg::ReadLocalMachineRegDW(subKey_, L"Level", value));
     EXPECT_EQ(value, 0xDEADBEEFul);
-}
 
-TEST_F(ReadRegTest, TextWritersStoreTypeAndTerminatedSize) {
+    using Write = bool (*)(const std::wstring&, const std::wstring&, const std::wstring&);
+    using Read = bool (*)(const std::wstring&, const std::wstring&, std::wstring&);
     struct Case {
-        const char* name;
-        bool (*write)(const std::wstring&, const std::wstring&, const std::wstring&);
-        bool (*read)(const std::wstring&, const std::wstring&, std::wstring&);
+        Write write;
+        Read read;
         DWORD type;
         std::wstring text;
     };
     const Case cases[] = {
-        {"plain", &ReadReg::WriteLocalMachineRegRZ, &ReadReg::ReadLocalMachineRegRZ, REG_SZ, L"Torvex"},
-        {"non-ASCII", &ReadReg::WriteLocalMachineRegRZ, &ReadReg::ReadLocalMachineRegRZ, REG_SZ,
-         L"Gr\u00fc\u00dfe \u6771\u4eac"},
-        {"empty", &ReadReg::WriteLocalMachineRegRZ, &ReadReg::ReadLocalMachineRegRZ, REG_SZ, L""},
-        {"expand stays unexpanded", &ReadReg::WrightLocalMachineRegExpandRZ,
-         &ReadReg::ReadLocalMachineRegExpandRZ, REG_EXPAND_SZ, L"%SystemRoot%\\system32"},
+        {&ReadReg::WriteLocalMachineRegRZ, &ReadReg::ReadLocalMachineRegRZ, REG_SZ, L"Gr\u00fc\u00dfe \u6771\u4eac"},
+        {&ReadReg::WriteLocalMachineRegRZ, &ReadReg::ReadLocalMachineRegRZ, REG_SZ, L""},
+        // Environment references stay unexpanded.
+        {&ReadReg::WrightLocalMachineRegExpandRZ, &ReadReg::ReadLocalMachineRegExpandRZ, REG_EXPAND_SZ,
+         L"%SystemRoot%\\system32"},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
+        SCOPED_TRACE(testing::PrintToString(c.text));
         ASSERT_TRUE(c.write(subKey_, L"Text", c.text));
-        const Raw raw = GetRaw(L"Text");
-        EXPECT_EQ(raw.type, c.type);
-        EXPECT_EQ(raw.bytes.size(), 2 * c.text.size() + 2);
-
-        std::wstring value = L"stale";
-        EXPECT_TRUE(c.read(subKey_, L"Text", value));
-        EXPECT_EQ(value, c.text);
+        EXPECT_EQ(TypeAndSize(L"Text"), std::make_pair(c.type, DWORD(2 * c.text.size() + 2)));
+        std::wstring text = L"stale";
+        EXPECT_TRUE(c.read(subKey_, L"Text", text));
+        EXPECT_EQ(text, c.text);
     }
 }
 
 TEST_F(ReadRegTest, TextReadHoldsAtMost259Characters) {
-    struct Case {
-        size_t length;
-        bool fits;
-    };
-    for (const Case c : {Case{1, true}, Case{258, true}, Case{259, true}, Case{260, false}, Case{400, false}}) {
-        SCOPED_TRACE(c.length);
-        std::wstring text;
-        for (size_t i = 0; i < c.length; ++i) text.push_back(static_cast<wchar_t>(L'a' + i % 26));
+    for (size_t length : {258u, 259u, 260u, 400u}) {
+        SCOPED_TRACE(length);
+        const std::wstring text(length, L'x');
         PutText(L"Long", text);
+        const bool fits = length <= 259;
         for (auto read : {&ReadReg::ReadLocalMachineRegRZ, &ReadReg::ReadLocalMachineRegExpandRZ}) {
             std::wstring value = L"stale";
-            EXPECT_EQ(read(subKey_, L"Long", value), c.fits);
-            EXPECT_EQ(value, c.fits ? text : std::wstring());
+            EXPECT_EQ(read(subKey_, L"Long", value), fits);
+            EXPECT_EQ(value, fits ? text : std::wstring());
         }
     }
-}
-
-TEST_F(ReadRegTest, TextReadStopsAtTheFirstNul) {
-    const wchar_t data[] = L"first\0second";
-    PutRaw(L"Multi", REG_MULTI_SZ, data, sizeof(data));
-    std::wstring value;
-    EXPECT_TRUE(ReadReg::ReadLocalMachineRegRZ(subKey_, L"Multi", value));
-    EXPECT_EQ(value, L"first");
-}
-
-TEST_F(ReadRegTest, ValueTypeIsNotChecked) {
-    const DWORD bits = 0x00420041;  // UTF-16 "AB" in little-endian
-    PutRaw(L"Word", REG_DWORD, &bits, sizeof(bits));
-    std::wstring text;
-    EXPECT_TRUE(ReadReg::ReadLocalMachineRegRZ(subKey_, L"Word", text));
-    EXPECT_EQ(text, L"AB");
-
-    PutText(L"Short", L"A");  // 4 bytes: 'A', 0, 0, 0
+    // The value's type is not checked: a 4-byte text fits a DWORD read.
+    PutText(L"Short", L"A");
     unsigned long value = 0;
     EXPECT_TRUE(ReadReg::ReadLocalMachineRegDW(subKey_, L"Short", value));
     EXPECT_EQ(value, 0x41ul);
-
-    PutText(L"Longer", L"ABCD");  // 10 bytes do not fit a DWORD
-    value = 7;
-    EXPECT_FALSE(ReadReg::ReadLocalMachineRegDW(subKey_, L"Longer", value));
-    EXPECT_EQ(value, 0ul);
 }
 
 TEST_F(ReadRegTest, MissingValueOrKey) {
     unsigned long value = 77;
     EXPECT_FALSE(ReadReg::ReadLocalMachineRegDW(subKey_, L"Absent", value));
     EXPECT_EQ(value, 0ul) << "a missing value clears the number";
-
     value = 77;
     EXPECT_FALSE(ReadReg::ReadLocalMachineRegDW(subKey_ + L"\\Absent", L"Level", value));
     EXPECT_EQ(value, 77ul) << "a missing key leaves the number alone";
 
     for (auto read : {&ReadReg::ReadLocalMachineRegRZ, &ReadReg::ReadLocalMachineRegExpandRZ}) {
-        std::wstring text = L"stale";
-        EXPECT_FALSE(read(subKey_, L"Absent", text));
-        EXPECT_EQ(text, L"");
-        text = L"stale";
-        EXPECT_FALSE(read(subKey_ + L"\\Absent", L"Text", text));
-        EXPECT_EQ(text, L"");
+        for (const std::wstring& key : {subKey_, subKey_ + L"\\Absent"}) {
+            std::wstring text = L"stale";
+            EXPECT_FALSE(read(key, L"Absent", text));
+            EXPECT_EQ(text, L"");
+        }
     }
 }
 
@@ -172,31 +115,31 @@ TEST_F(ReadRegTest, WritesUnderAMissingSubkeyFailAndCreateNothing) {
     EXPECT_FALSE(ReadReg::WrightLocalMachineRegDW(missing, L"Level", 1));
     EXPECT_FALSE(ReadReg::WriteLocalMachineRegRZ(missing, L"Text", L"x"));
     EXPECT_FALSE(ReadReg::WrightLocalMachineRegExpandRZ(missing, L"Text", L"x"));
-    EXPECT_FALSE(KeyExists(missing));
-    EXPECT_TRUE(GetRaw(L"Level").bytes.empty());
+    HKEY key = nullptr;
+    EXPECT_NE(::RegOpenKeyExW(HKEY_LOCAL_MACHINE, missing.c_str(), 0, KEY_READ | KEY_WOW64_64KEY, &key),
+              ERROR_SUCCESS);
 }
 
 // Pass-through recorders: Wine still answers, the test sees what was asked.
-struct RegisterLog {
-    std::vector<REGSAM> openAccess;
-    std::vector<bool> setSubKeyNull;
-};
-RegisterLog* g_log = nullptr;
+std::vector<REGSAM>* g_access = nullptr;
+std::vector<bool>* g_nullSubKey = nullptr;
 decltype(&::RegOpenKeyExW) g_realOpen = nullptr;
 decltype(&::RegSetKeyValueW) g_realSet = nullptr;
 
 LSTATUS WINAPI RecordOpen(HKEY root, LPCWSTR subKey, DWORD options, REGSAM access, PHKEY key) {
-    g_log->openAccess.push_back(access);
+    g_access->push_back(access);
     return g_realOpen(root, subKey, options, access, key);
 }
 LSTATUS WINAPI RecordSet(HKEY key, LPCWSTR subKey, LPCWSTR name, DWORD type, LPCVOID data, DWORD size) {
-    g_log->setSubKeyNull.push_back(subKey == nullptr);
+    g_nullSubKey->push_back(subKey == nullptr);
     return g_realSet(key, subKey, name, type, data, size);
 }
 
 TEST_F(ReadRegTest, ReadsAndWritesUseThe64BitView) {
-    RegisterLog log;
-    g_log = &log;
+    std::vector<REGSAM> access;
+    std::vector<bool> nullSubKey;
+    g_access = &access;
+    g_nullSubKey = &nullSubKey;
     ImportPatch open = Redirect("RegOpenKeyExW", &RecordOpen);
     ImportPatch set = Redirect("RegSetKeyValueW", &RecordSet);
     g_realOpen = open.Original<decltype(g_realOpen)>();
@@ -210,11 +153,9 @@ TEST_F(ReadRegTest, ReadsAndWritesUseThe64BitView) {
     ASSERT_TRUE(ReadReg::ReadLocalMachineRegDW(subKey_, L"Level", value));
     ASSERT_TRUE(ReadReg::ReadLocalMachineRegRZ(subKey_, L"Text", text));
     ASSERT_TRUE(ReadReg::ReadLocalMachineRegExpandRZ(subKey_, L"Text", text));
-    g_log = nullptr;
 
-    const std::vector<REGSAM> expected = {0x20106, 0x20106, 0x20106, 0x20119, 0x20119, 0x20119};
-    EXPECT_EQ(log.openAccess, expected);
-    EXPECT_EQ(log.setSubKeyNull, (std::vector<bool>{true, true, true}));
+    EXPECT_EQ(access, (std::vector<REGSAM>{0x20106, 0x20106, 0x20106, 0x20119, 0x20119, 0x20119}));
+    EXPECT_EQ(nullSubKey, (std::vector<bool>{true, true, true}));
 }
 
 }  // namespace
