@@ -308,5 +308,16 @@ TEST_F(DeviceInformationTest, UnopenableSetGivesEmptyResults) {
     EXPECT_EQ(tree.PropertyReads(), 0u);
 }
 
+TEST(DeviceInformationRealWine, DisplayDeviceWithoutPropertiesAndNoMediaDevice) {
+    // Wine 8 presents one display-class device whose property reads fail.
+    constexpr GUID kDisplayClass = {0x4D36E968, 0xE325, 0x11CE, {0xBF, 0xC1, 0x08, 0x00, 0x2B, 0xE1, 0x03, 0x18}};
+    DeviceInformention info;
+    EXPECT_EQ(info.GetDeviceHardwareId(kDisplayClass), (Strings{L""}));
+    EXPECT_TRUE(info.GetDeviceHardwareId(kMedia).empty());
+    EXPECT_EQ(info.GetDeviceStrInfoByHardwareId(L"", kDisplayClass, EnumDeviceProperty::DeviceDesc), L"");
+    EXPECT_EQ(info.UnstallDeviceByHardwareId(L"PCI\VEN_1234", kMedia), 0xFFFFFFFFu);
+    EXPECT_TRUE(info.GetDeviceStatck(L"PCI\VEN_1234", kDisplayClass).empty());
+}
+
 }  // namespace
 }  // namespace torvex::test
