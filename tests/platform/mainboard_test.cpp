@@ -1,22 +1,20 @@
-// Mainboard and BIOS (class 4): the BIOS registry key is faked beneath the DLL
-// (its registry imports are redirected), WMI by the scripted fake; and both
-// for real against Wine.
+// Mainboard and BIOS (class 4): the BIOS registry key and WMI are faked
+// beneath the DLL; and both answer for real against Wine.
 #include <windows.h>
 
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "support/fake_registry.h"
 #include "support/fake_wmi.h"
 #include "support/torvex_test.h"
 
+using torvex::test::FakeRegistry;
 using torvex::test::FakeWmi;
-using torvex::test::ImportPatch;
-using torvex::test::Redirect;
 using torvex::test::WmiRow;
 using torvex::test::WmiValue;
 
@@ -25,63 +23,24 @@ namespace {
 const std::wstring kCimv2 = L"ROOT\\CIMV2";
 const std::wstring kBiosKey = L"HARDWARE\\DESCRIPTION\\System\\BIOS";
 
-// The BIOS key as the fake registry holds it: text values only.
-struct FakeBiosKey {
-    std::map<std::wstring, std::wstring> values;
-    std::vector<REGSAM> openAccess;
-    std::vector<std::wstring> queried;
-    int openKeys = 0;
-};
-FakeBiosKey* g_bios = nullptr;
-const HKEY kFakeKey = reinterpret_cast<HKEY>(static_cast<uintptr_t>(0x7B105));
-decltype(&::RegOpenKeyExW) g_realOpen = nullptr;
-decltype(&::RegQueryValueExW) g_realQuery = nullptr;
-decltype(&::RegCloseKey) g_realClose = nullptr;
-
-LSTATUS WINAPI FakeOpen(HKEY root, LPCWSTR subKey, DWORD options, REGSAM access, PHKEY key) {
-    if (root != HKEY_LOCAL_MACHINE || subKey == nullptr || kBiosKey != subKey)
-        return g_realOpen(root, subKey, options, access, key);
-    g_bios->openAccess.push_back(access);
-    ++g_bios->openKeys;
-    *key = kFakeKey;
-    return ERROR_SUCCESS;
-}
-
-LSTATUS WINAPI FakeQuery(HKEY key, LPCWSTR name, LPDWORD reserved, LPDWORD type, LPBYTE data, LPDWORD size) {
-    if (key != kFakeKey) return g_realQuery(key, name, reserved, type, data, size);
-    g_bios->queried.push_back(name ? name : L"");
-    const auto found = g_bios->values.find(name ? name : L"");
-    if (found == g_bios->values.end()) return ERROR_FILE_NOT_FOUND;
-    const DWORD bytes = static_cast<DWORD>((found->second.size() + 1) * sizeof(wchar_t));
-    if (type) *type = REG_SZ;
-    if (data != nullptr && (size == nullptr || *size < bytes)) {
-        if (size) *size = bytes;
-        return ERROR_MORE_DATA;
-    }
-    if (data != nullptr) std::memcpy(data, found->second.c_str(), bytes);
-    if (size) *size = bytes;
-    return ERROR_SUCCESS;
-}
-
-LSTATUS WINAPI FakeClose(HKEY key) {
-    if (key != kFakeKey) return g_realClose(key);
-    --g_bios->openKeys;
-    return ERROR_SUCCESS;
-}
-
 class MainboardTest : public ::testing::Test {
 protected:
-    MainboardTest() {
-        g_bios = &bios;
-        g_realOpen = open.Original<decltype(g_realOpen)>();
-        g_realQuery = query.Original<decltype(g_realQuery)>();
-        g_realClose = close.Original<decltype(g_realClose)>();
-    }
-    ~MainboardTest() override { g_bios = nullptr; }
+    MainboardTest() { Bios({}); }
     void TearDown() override {
         EXPECT_EQ(wmi.LiveObjects(), 0) << "a WMI object was left referenced";
-        EXPECT_EQ(bios.openKeys, 0) << "a registry key was left open";
-        for (REGSAM access : bios.openAccess) EXPECT_EQ(access, static_cast<REGSAM>(0x20119));
+        CheckRegistryUse();
+    }
+    void CheckRegistryUse() {
+        EXPECT_EQ(registry->OpenKeys(), 0) << "a registry key was left open";
+        for (REGSAM access : registry->OpenAccess()) EXPECT_EQ(access, static_cast<REGSAM>(0x20119));
+    }
+    // A fresh BIOS key holding exactly these text values.
+    void Bios(std::initializer_list<std::pair<const wchar_t*, const wchar_t*>> values) {
+        if (registry) CheckRegistryUse();
+        registry.reset();
+        registry.emplace();
+        registry->AddKey(kBiosKey);
+        for (const auto& [name, text] : values) registry->SetText(kBiosKey, name, text);
     }
 
     void Wmi(const std::wstring& query, const wchar_t* property, const std::wstring& value) {
@@ -108,10 +67,7 @@ protected:
         return std::string(buffer.data(), written);
     }
 
-    FakeBiosKey bios;
-    ImportPatch open = Redirect("RegOpenKeyExW", &FakeOpen);
-    ImportPatch query = Redirect("RegQueryValueExW", &FakeQuery);
-    ImportPatch close = Redirect("RegCloseKey", &FakeClose);
+    std::optional<FakeRegistry> registry;
     FakeWmi wmi;
 };
 
@@ -135,7 +91,7 @@ TEST_F(MainboardTest, RegistryValueAnswersWithoutWmi) {
         if (c.registryValue == nullptr) continue;
         SCOPED_TRACE(c.code);
         wmi.Reset();
-        bios.values = {{c.registryValue, L" From registry "}};
+        Bios({{c.registryValue, L" From registry "}});
         Wmi(c.query, c.property, L"from WMI");
         EXPECT_EQ(Ask(c.code), " From registry ") << "passed through untrimmed";
         EXPECT_TRUE(QueryTexts().empty());
@@ -147,8 +103,10 @@ TEST_F(MainboardTest, EmptyOrMissingRegistryValueFallsBackToWmi) {
         for (const FactCase& c : kFacts) {
             SCOPED_TRACE(std::to_string(c.code) + (present ? " empty value" : " missing value"));
             wmi.Reset();
-            bios.values.clear();
-            if (present && c.registryValue) bios.values[c.registryValue] = L"";
+            if (present && c.registryValue)
+                Bios({{c.registryValue, L""}});
+            else
+                Bios({});
             Wmi(c.query, c.property, L"WMI answer  ");
             EXPECT_EQ(Ask(c.code), "WMI answer  ");
             EXPECT_EQ(QueryTexts(), std::vector<std::wstring>{c.query});
@@ -160,11 +118,10 @@ TEST_F(MainboardTest, EmptyOrMissingRegistryValueFallsBackToWmi) {
 }
 
 TEST_F(MainboardTest, SerialNumberAlwaysComesFromWmi) {
-    for (const wchar_t* name : {L"BaseBoardSerialNumber", L"SerialNumber", L"BaseBoardSerial"})
-        bios.values[name] = L"REGISTRY-SERIAL";
+    Bios({{L"BaseBoardSerialNumber", L"REGISTRY-SERIAL"}, {L"SerialNumber", L"REGISTRY-SERIAL"}});
     Wmi(L"SELECT SerialNumber FROM Win32_BaseBoard", L"SerialNumber", L"WMI-SERIAL");
     EXPECT_EQ(Ask(3), "WMI-SERIAL");
-    EXPECT_TRUE(bios.queried.empty()) << "the registry is not consulted";
+    EXPECT_TRUE(registry->OpenAccess().empty()) << "the registry is not consulted";
 }
 
 TEST_F(MainboardTest, ReleaseDateFromTheRegistryForm) {
@@ -183,7 +140,7 @@ TEST_F(MainboardTest, ReleaseDateFromTheRegistryForm) {
     for (const Case& c : cases) {
         SCOPED_TRACE(testing::PrintToString(std::wstring(c.registry)));
         wmi.Reset();
-        bios.values = {{L"BIOSReleaseDate", c.registry}};
+        Bios({{L"BIOSReleaseDate", c.registry}});
         EXPECT_EQ(Ask(6), c.answer);
         EXPECT_EQ(QueryTexts().empty(), c.answer.has_value());
     }
@@ -207,7 +164,7 @@ TEST_F(MainboardTest, ReleaseDateFromTheWmiForm) {
     for (const Case& c : cases) {
         SCOPED_TRACE(testing::PrintToString(std::wstring(c.wmiDate)));
         wmi.Reset();
-        bios.values = {{L"BIOSReleaseDate", L"5/17/2023"}};  // not the 10-character form
+        Bios({{L"BIOSReleaseDate", L"5/17/2023"}});  // not the 10-character form
         Wmi(L"SELECT ReleaseDate FROM Win32_BIOS", L"ReleaseDate", c.wmiDate);
         EXPECT_EQ(Ask(6), c.answer);
         EXPECT_EQ(QueryTexts(), std::vector<std::wstring>{L"SELECT ReleaseDate FROM Win32_BIOS"});
@@ -215,7 +172,7 @@ TEST_F(MainboardTest, ReleaseDateFromTheWmiForm) {
 }
 
 TEST_F(MainboardTest, AnswerNeedsRoomForATerminatorItNeverWrites) {
-    bios.values = {{L"BaseBoardProduct", L"X570-PRO"}, {L"BIOSReleaseDate", L"05/17/2023"}};
+    Bios({{L"BaseBoardProduct", L"X570-PRO"}, {L"BIOSReleaseDate", L"05/17/2023"}});
     EXPECT_EQ(Ask(0, 8), std::nullopt);
     EXPECT_EQ(Ask(0, 9), "X570-PRO");
     EXPECT_EQ(Ask(6, 8), std::nullopt);
@@ -224,7 +181,7 @@ TEST_F(MainboardTest, AnswerNeedsRoomForATerminatorItNeverWrites) {
 }
 
 TEST_F(MainboardTest, Refusals) {
-    bios.values = {{L"BaseBoardProduct", L"Board"}};
+    Bios({{L"BaseBoardProduct", L"Board"}});
     char buffer[16];
     uint32_t written = 0;
     EXPECT_EQ(MbQueryInformation(7, buffer, sizeof(buffer), &written), 0u);
