@@ -11,6 +11,7 @@
 #include <string>
 
 #include "platform/cpu_internal.h"
+#include "platform/narrow_answer.h"
 #include "torvex.h"
 
 namespace {
@@ -73,16 +74,6 @@ std::wstring RegistryThenWmi(const CodeInfo& info) {
     if (ReadReg::ReadLocalMachineRegRZ(kCpuKey, info.registryValue, text) && !text.empty()) return text;
     HalWmi wmi(kCimv2);
     return wmi.SelectStr(info.query, info.property);
-}
-
-// Copies narrow text without its terminator; one byte of room beyond the
-// text is demanded all the same.
-uint32_t CopyText(const std::string& text, void* buffer, uint32_t size, uint32_t* written) {
-    const size_t length = std::strlen(text.c_str());
-    if (length == 0 || size <= length) return 0;
-    std::memcpy(buffer, text.data(), length);
-    *written = static_cast<uint32_t>(length);
-    return 1;
 }
 
 uint32_t WmiNumber(const CodeInfo& info) {
@@ -158,12 +149,13 @@ uint32_t CpuQueryInformation(int32_t code, void* buffer, uint32_t size, uint32_t
 
     switch (info.source) {
     case Source::RegistryThenWmi:
-        return CopyText(StringProc::WStringToString(RegistryThenWmi(info)), buffer, size, written);
+        return torvex::platform::WriteNarrowAnswer(StringProc::WStringToString(RegistryThenWmi(info)), buffer, size,
+                                                   written);
     case Source::Associativity: {
         HalWmi wmi(kCimv2);
         const uint32_t associativity = wmi.SelectUInt(info.query, info.property);
         if (associativity == 0 || associativity == kNoValue) return 0;
-        return CopyText(torvex::AssociativityText(associativity), buffer, size, written);
+        return torvex::platform::WriteNarrowAnswer(torvex::AssociativityText(associativity), buffer, size, written);
     }
     case Source::Vendor: {
         const uint32_t vendor = torvex::DetectCpuVendor();  // runs before the size check on purpose
