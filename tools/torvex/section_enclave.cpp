@@ -1,10 +1,17 @@
-// Report section: Enclave encryption service (class 17).
+// Report section: enclave encryption service (class 17).
 #include "tool.h"
 
 namespace tool {
 namespace {
 
-void Fill(Section& section) { InitOnlySection(section, HAL_CLASS_ENCLAVE); }
+void Fill(Section& section) {
+    if (Library().HalInit(HAL_CLASS_ENCLAVE, nullptr) == 0) {
+        section.note = "not available: HalInit(17) answered 0 (the processor does not qualify, or Vaultrun.dll "
+                       "is not beside the host)";
+        return;
+    }
+    section.Text("service", "loaded");
+}
 
 const SectionRegistration kSection(100, "enclave", "Enclave encryption service", Fill);
 
