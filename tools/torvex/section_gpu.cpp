@@ -1,10 +1,68 @@
 // Report section: GPU and screen (class 6).
+#include <tuple>
+
 #include "tool.h"
 
 namespace tool {
 namespace {
 
-void Fill(Section& section) { InitOnlySection(section, HAL_CLASS_GPU); }
+void Fill(Section& section) {
+    const Api& api = Library();
+    void* raw = nullptr;
+    if (api.HalInit(HAL_CLASS_GPU, &raw) == 0) {
+        section.note = "not available: HalInit(6) answered 0";
+        return;
+    }
+    // Without adapters there is no list; the screen facts still answer on an empty one.
+    HalListHeader empty{sizeof(HalListHeader), 0};
+    void* list = raw != nullptr ? raw : &empty;
+    const uint32_t count = static_cast<HalListHeader*>(list)->count;
+    section.Number("adapters", count);
+    struct Adapter {
+        const char* key;
+        uint32_t first;  // name, status, driver version, driver date
+        uint32_t memory;
+        uint32_t problem;
+    };
+    for (const Adapter& a : {Adapter{"discrete", HAL_GPU_DISCRETE_NAME, HAL_GPU_DISCRETE_MEMORY_MIB,
+                                     HAL_GPU_DISCRETE_PROBLEM_CODE},
+                             Adapter{"integrated", HAL_GPU_INTEGRATED_NAME, HAL_GPU_INTEGRATED_MEMORY_MIB,
+                                     HAL_GPU_INTEGRATED_PROBLEM_CODE}}) {
+        Section item;
+        item.key = a.key;
+        item.title = std::string(a.key) + " adapter";
+        const char* names[] = {"name", "status", "driver version", "driver date"};
+        for (uint32_t i = 0; i < 4; ++i) {
+            wchar_t text[300] = {};
+            uint32_t written = 0;
+            if (api.HalQueryInformation(HAL_CLASS_GPU, list, a.first + i, text, sizeof(text), &written))
+                item.Text(names[i], Utf8(text, written / sizeof(wchar_t)));
+            else
+                item.Missing(names[i], "no such adapter, or not reported");
+        }
+        uint32_t value = 0, written = 0;
+        if (api.HalQueryInformation(HAL_CLASS_GPU, list, a.memory, &value, 4, &written))
+            item.Number("dedicated memory", value, "MiB");
+        if (api.HalQueryInformation(HAL_CLASS_GPU, list, a.problem, &value, 4, &written))
+            item.Number("problem code", value);
+        section.children.push_back(std::move(item));
+    }
+    wchar_t text[64] = {};
+    uint32_t written = 0;
+    if (api.HalQueryInformation(HAL_CLASS_GPU, list, HAL_GPU_RESOLUTION_TEXT, text, sizeof(text), &written))
+        section.Text("resolution", Utf8(text, written / sizeof(wchar_t)));
+    if (api.HalQueryInformation(HAL_CLASS_GPU, list, HAL_GPU_MONITOR_ID, text, sizeof(text), &written))
+        section.Text("monitor", Utf8(text, written / sizeof(wchar_t)));
+    else
+        section.Missing("monitor", "no desktop monitor reported");
+    for (auto [code, name, unit] : {std::tuple{HAL_GPU_REFRESH_RATE_HZ, "refresh rate", "Hz"},
+                                    std::tuple{HAL_GPU_COLOR_DEPTH_BPP, "colour depth", "bits per pixel"}}) {
+        uint32_t value = 0;
+        if (api.HalQueryInformation(HAL_CLASS_GPU, list, code, &value, 4, &written)) section.Number(name, value, unit);
+        else section.Missing(name, "not reported");
+    }
+    FreeRecord(raw);
+}
 
 const SectionRegistration kSection(60, "gpu", "GPU and screen", Fill);
 
