@@ -665,9 +665,10 @@ uint32_t DisplayColorSet(void* context, uint32_t code, void* input, uint32_t inp
         if (code == HAL_DISPLAY_WARMTH) code = HAL_DISPLAY_TEMPERATURE;  // the AMD library treats 5 as 2
         if ((code != HAL_DISPLAY_TEMPERATURE && code != HAL_DISPLAY_BRIGHTNESS) || arg5 == nullptr || input == nullptr)
             return 0;
-        return AdlSetTemperature(context,
-                                 code == HAL_DISPLAY_TEMPERATURE ? kColorTypeTemperature : kColorTypeBrightness,
-                                 static_cast<ColorTemperatureRequest*>(input));
+        const int colorType = code == HAL_DISPLAY_TEMPERATURE ? kColorTypeTemperature : kColorTypeBrightness;
+        uint32_t caps = 0;
+        if (!AdlColorCaps(context, caps) || (caps & static_cast<uint32_t>(colorType)) == 0) return 0;
+        return AdlSetTemperature(context, colorType, static_cast<ColorTemperatureRequest*>(input));
     }
     if (g_igclReady && input != nullptr) {
         if (code == HAL_DISPLAY_WARMTH && inputSize >= 8)
