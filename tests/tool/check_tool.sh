@@ -35,5 +35,15 @@ check "unknown report option" 1 $T report --xml
 check "wifi without argument" 1 $T wifi
 check "firmware without command" 1 $T firmware
 check "malformed firmware word" 1 $T firmware word 0xZZ
+# Wine has no wireless interface, no OEM firmware method and no display back end:
+# the set commands are refused by the library (exit 2) after a usage check.
+check "charge-control above 100" 1 $T battery charge-control 101 80
+check "charge-control refused" 2 $T battery charge-control 60 80
+check "wifi switch refused" 2 $T wifi off
+check "brightness above 100" 1 $T display brightness 150
+check "brightness refused" 2 $T display brightness 50
+check "power limit refused" 2 $T firmware pl1
+check "one disk" 0 $T disk 0
+check "malformed disk number" 1 $T disk x1
 rm -f /tmp/torvex-out.$$ /tmp/torvex-err.$$ /tmp/torvex-report.$$
 exit $fail
