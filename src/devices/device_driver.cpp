@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "common/narrow_answer.h"
 #include "torvex.h"
 
 namespace {
@@ -54,14 +55,8 @@ std::wstring TextFact(const wchar_t* property, const std::wstring& caption) {
                          property);
 }
 
-// Narrow text without a terminator; the buffer must be larger than the text.
 uint32_t CopyNarrow(const std::wstring& text, void* out, uint32_t outSize, uint32_t* written) {
-    const std::string narrow = StringProc::WStringToString(text);
-    const size_t length = std::strlen(narrow.c_str());
-    if (narrow.empty() || length >= outSize) return 0;
-    std::memcpy(out, narrow.data(), length);
-    *written = static_cast<uint32_t>(length);
-    return 1;
+    return torvex::WriteNarrowAnswer(StringProc::WStringToString(text), out, outSize, written);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <string>
 
+#include "common/narrow_answer.h"
 #include "common/win_resource.h"
 #include "torvex.h"
 
@@ -169,12 +170,7 @@ uint32_t QueryName(uint32_t code, void* buffer, uint32_t size, uint32_t* written
                                           : wmi.SelectStr(L"SELECT ManufactureName FROM BatteryStaticData",
                                                           L"ManufactureName");
     }
-    const std::string text = StringProc::WStringToString(name);
-    const size_t length = std::strlen(text.c_str());
-    if (text.empty() || size <= length) return 0;
-    std::memcpy(buffer, text.data(), length);
-    *written = static_cast<uint32_t>(length);
-    return 1;
+    return torvex::WriteNarrowAnswer(StringProc::WStringToString(name), buffer, size, written);
 }
 
 bool CallFirmware(const unsigned char* head, size_t headBytes, unsigned char (&answer)[kAnswerBytes]) {

@@ -11,7 +11,7 @@
 #include <string>
 
 #include "platform/cpu_internal.h"
-#include "platform/narrow_answer.h"
+#include "common/narrow_answer.h"
 #include "torvex.h"
 
 namespace {
@@ -149,13 +149,13 @@ uint32_t CpuQueryInformation(int32_t code, void* buffer, uint32_t size, uint32_t
 
     switch (info.source) {
     case Source::RegistryThenWmi:
-        return torvex::platform::WriteNarrowAnswer(StringProc::WStringToString(RegistryThenWmi(info)), buffer, size,
+        return torvex::WriteNarrowAnswer(StringProc::WStringToString(RegistryThenWmi(info)), buffer, size,
                                                    written);
     case Source::Associativity: {
         HalWmi wmi(kCimv2);
         const uint32_t associativity = wmi.SelectUInt(info.query, info.property);
         if (associativity == 0 || associativity == kNoValue) return 0;
-        return torvex::platform::WriteNarrowAnswer(torvex::AssociativityText(associativity), buffer, size, written);
+        return torvex::WriteNarrowAnswer(torvex::AssociativityText(associativity), buffer, size, written);
     }
     case Source::Vendor: {
         const uint32_t vendor = torvex::DetectCpuVendor();  // runs before the size check on purpose

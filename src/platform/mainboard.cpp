@@ -3,7 +3,7 @@
 #include <array>
 #include <string>
 
-#include "platform/narrow_answer.h"
+#include "common/narrow_answer.h"
 #include "torvex.h"
 
 namespace {
@@ -81,5 +81,5 @@ uint32_t MbSetInformation(uint32_t, void*, uint32_t, uint32_t*) { return 0; }
 uint32_t MbQueryInformation(uint32_t code, void* buffer, uint32_t size, uint32_t* returned) {
     if (code > kReleaseDateCode) return 0;
     const std::string answer = code == kReleaseDateCode ? ReleaseDateAnswer() : FactAnswer(kFacts[code]);
-    return torvex::platform::WriteNarrowAnswer(answer, buffer, size, returned);
+    return torvex::WriteNarrowAnswer(answer, buffer, size, returned);
 }

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "common/bounded_copy.h"
-#include "platform/narrow_answer.h"
+#include "common/narrow_answer.h"
 #include "torvex.h"
 
 namespace {
@@ -107,7 +107,7 @@ bool ModuleSlot(uint32_t index, SlotList& slots) {
 uint32_t AnswerSlot(uint32_t index, void* buffer, uint32_t size, uint32_t* written) {
     SlotList slots;
     if (!ModuleSlot(index, slots)) return 0;
-    return torvex::platform::WriteNarrowAnswer(StringProc::WStringToString(slots.ids[index]), buffer, size,
+    return torvex::WriteNarrowAnswer(StringProc::WStringToString(slots.ids[index]), buffer, size,
                                                written);
 }
 
@@ -138,7 +138,7 @@ uint32_t AnswerQuery(uint32_t code, uint32_t index, void* buffer, uint32_t size,
         return 1;
     }
     // Vendors' fields often carry trailing blanks: passed through as they are.
-    return torvex::platform::WriteNarrowAnswer(value, buffer, size, written);
+    return torvex::WriteNarrowAnswer(value, buffer, size, written);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Narrow-text answers of the platform modules: copied without a terminator,
+// Narrow-text answers of the modules: copied without a terminator,
 // with the byte count in *written.
 #pragma once
 
@@ -6,7 +6,7 @@
 #include <cstring>
 #include <string>
 
-namespace torvex::platform {
+namespace torvex {
 
 // Fails on an empty answer or a missing buffer. The length counts bytes up to
 // the first zero byte; the buffer must hold more than that (room for a
@@ -21,4 +21,4 @@ inline uint32_t WriteNarrowAnswer(const std::string& answer, void* buffer, uint3
     return 1;
 }
 
-}  // namespace torvex::platform
+}  // namespace torvex
