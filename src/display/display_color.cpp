@@ -6,6 +6,7 @@
 #include <oleauto.h>
 #include <ole2.h>
 
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <cwchar>
@@ -176,12 +177,14 @@ struct IgclGetConfig {  // 272 bytes
     uint8_t version;
     uint8_t pad[3];
     uint32_t queryType;
-    uint8_t formats[240 - 12];
-    uint32_t blockCount;
     uint32_t pad2;
+    uint8_t formats[2][120];  // input and output pixel formats
+    uint32_t blockCount;
+    uint32_t pad3;
     IgclBlock* blocks;
-    uint8_t rest[272 - 256];
 };
+static_assert(offsetof(IgclGetConfig, blockCount) == 256 && offsetof(IgclGetConfig, blocks) == 264,
+              "block count and blocks follow the two pixel formats");
 static_assert(sizeof(IgclGetConfig) == 272, "query record is 272 bytes");
 
 struct IgclSetConfig {  // 32 bytes
