@@ -10,6 +10,7 @@
 
 #include "display/display_math.h"
 #include "support/fake_com.h"
+#include "support/fake_graphics.h"
 #include "support/fake_setupapi.h"
 #include "support/fake_wmi.h"
 #include "support/torvex_test.h"
@@ -20,6 +21,11 @@ using torvex::test::DebugCapture;
 using torvex::test::FakeDevice;
 using torvex::test::FakeDeviceTree;
 using torvex::test::FakeWmi;
+using torvex::test::FakeGfxServer;
+using torvex::test::FakePower;
+using torvex::test::SharedGfxServer;
+using torvex::test::kGfxServerClass;
+using torvex::test::kDisplayClass;
 using torvex::test::ImportPatch;
 using torvex::test::Redirect;
 
@@ -78,99 +84,6 @@ TEST(DisplayMath, IntelGainAdjustmentsByMode) {
 
 // ------------------------------------------------- graphics-driver server
 
-const CLSID kServerClass = {0x7160A13D, 0x73DA, 0x4CEA, {0x95, 0xB9, 0x37, 0x35, 0x64, 0x78, 0x58, 0x8A}};
-const IID kServerInterface = {0xF932C038, 0x6484, 0x45CA, {0x8F, 0xA1, 0x7C, 0x8C, 0x27, 0x9F, 0x7A, 0xEE}};
-const GUID kDisplayClass = {0x4D36E968, 0xE325, 0x11CE, {0xBF, 0xC1, 0x08, 0x00, 0x2B, 0xE1, 0x03, 0x18}};
-
-// A server with the same table shape as the driver's: entries 4, 27 and 44.
-struct FakeServer : IUnknown {
-    virtual HRESULT STDMETHODCALLTYPE DisplayIdFromName(BSTR name, uint32_t, uint32_t* id, uint32_t* status) {
-        lastName = name;
-        *id = 42;
-        *status = 0;
-        return S_OK;
-    }
-#define UNUSED(n) virtual HRESULT STDMETHODCALLTYPE Unused##n() { return E_NOTIMPL; }
-    UNUSED(5) UNUSED(6) UNUSED(7) UNUSED(8) UNUSED(9) UNUSED(10) UNUSED(11) UNUSED(12) UNUSED(13) UNUSED(14)
-    UNUSED(15) UNUSED(16) UNUSED(17) UNUSED(18) UNUSED(19) UNUSED(20) UNUSED(21) UNUSED(22) UNUSED(23) UNUSED(24)
-    UNUSED(25) UNUSED(26)
-    virtual HRESULT STDMETHODCALLTYPE SetGammaRamp(uint32_t id, uint32_t size, void* ramp, uint32_t*) {
-        rampId = id;
-        rampSize = size;
-        std::memcpy(lastRamp.data(), ramp, sizeof(Ramp));
-        ++ramps;
-        return S_OK;
-    }
-    UNUSED(28) UNUSED(29) UNUSED(30) UNUSED(31) UNUSED(32) UNUSED(33) UNUSED(34) UNUSED(35) UNUSED(36) UNUSED(37)
-    UNUSED(38) UNUSED(39) UNUSED(40) UNUSED(41) UNUSED(42) UNUSED(43)
-#undef UNUSED
-    virtual HRESULT STDMETHODCALLTYPE GetGeneric(const GUID&, uint32_t size, void* data, uint32_t* status) {
-        requestSize = size;
-        std::memcpy(request, data, 92);
-        for (uint32_t i = 0; i < 9; ++i) std::memcpy(static_cast<uint8_t*>(data) + 44 + 4 * i, &i, 4);
-        *status = 0;
-        return S_OK;
-    }
-
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override {
-        if (iid == IID_IUnknown || iid == kServerInterface) {
-            *out = this;
-            AddRef();
-            return S_OK;
-        }
-        *out = nullptr;
-        return E_NOINTERFACE;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return ++refs; }
-    ULONG STDMETHODCALLTYPE Release() override { return --refs; }  // lives for the process: the library keeps it
-
-    long refs = 1;
-    std::wstring lastName;
-    uint32_t rampId = 0, rampSize = 0, requestSize = 0;
-    int ramps = 0;
-    Ramp lastRamp{};
-    uint8_t request[92] = {};
-};
-FakeServer* g_server = new FakeServer();
-
-struct FakePower {
-    BYTE acLine = 1;
-    DWORD acValue = 70, dcValue = 30;
-    DWORD written = 0;
-    bool wroteAc = false, wroteDc = false;
-    DWORD setResult = 0;
-} g_power;
-GUID g_scheme = {1, 2, 3, {4}};
-
-DWORD WINAPI FakeActiveScheme(HKEY, GUID** scheme) {
-    *scheme = static_cast<GUID*>(LocalAlloc(LPTR, sizeof(GUID)));
-    **scheme = g_scheme;
-    return 0;
-}
-BOOL WINAPI FakePowerStatus(LPSYSTEM_POWER_STATUS status) {
-    *status = SYSTEM_POWER_STATUS{};
-    status->ACLineStatus = g_power.acLine;
-    return TRUE;
-}
-DWORD WINAPI FakeReadAc(HKEY, const GUID*, const GUID*, const GUID*, LPDWORD value) {
-    *value = g_power.acValue;
-    return 0;
-}
-DWORD WINAPI FakeReadDc(HKEY, const GUID*, const GUID*, const GUID*, LPDWORD value) {
-    *value = g_power.dcValue;
-    return 0;
-}
-DWORD WINAPI FakeWriteAc(HKEY, const GUID*, const GUID*, const GUID*, DWORD value) {
-    g_power.wroteAc = true;
-    g_power.written = value;
-    return 0;
-}
-DWORD WINAPI FakeWriteDc(HKEY, const GUID*, const GUID*, const GUID*, DWORD value) {
-    g_power.wroteDc = true;
-    g_power.written = value;
-    return 0;
-}
-DWORD WINAPI FakeSetActive(HKEY, const GUID*) { return g_power.setResult; }
 HMODULE WINAPI NoLibrary(LPCWSTR) { return nullptr; }
 
 // The server back end is process-wide once chosen, so one test walks it.
@@ -179,14 +92,9 @@ TEST(DisplayColorServer, IntelAdapterUsesTheServerForRampsSettingsAndBrightness)
     tree.Add(FakeDevice(kDisplayClass).Ids({L"PCI\\VEN_8086"}).Desc(L"Intel(R) UHD Graphics"));
     FakeWmi wmi;
     ImportPatch noDxgi = Redirect("LoadLibraryW", &NoLibrary);
-    ComClassRegistration server(kServerClass, [](REFIID iid, void** out) { return g_server->QueryInterface(iid, out); });
-    ImportPatch patches[] = {Redirect("PowerGetActiveScheme", &FakeActiveScheme),
-                             Redirect("GetSystemPowerStatus", &FakePowerStatus),
-                             Redirect("PowerReadACValueIndex", &FakeReadAc),
-                             Redirect("PowerReadDCValueIndex", &FakeReadDc),
-                             Redirect("PowerWriteACValueIndex", &FakeWriteAc),
-                             Redirect("PowerWriteDCValueIndex", &FakeWriteDc),
-                             Redirect("PowerSetActiveScheme", &FakeSetActive)};
+    FakeGfxServer& gfx = SharedGfxServer();
+    ComClassRegistration server(kGfxServerClass, [](REFIID iid, void** out) { return SharedGfxServer().QueryInterface(iid, out); });
+    FakePower power;
 
     void* out = reinterpret_cast<void*>(0x1234);
     ASSERT_EQ(HalInit(HAL_CLASS_DISPLAY, &out), 1u);
@@ -196,33 +104,33 @@ TEST(DisplayColorServer, IntelAdapterUsesTheServerForRampsSettingsAndBrightness)
     WarmthRequest warmth{128, 0};
     uint32_t returned = 0;
     ASSERT_EQ(HalSetInformation(HAL_CLASS_DISPLAY, nullptr, HAL_DISPLAY_WARMTH, &warmth, 8, &returned, 0), 1u);
-    EXPECT_EQ(g_server->rampId, 42u);
-    EXPECT_EQ(g_server->rampSize, 1536u);
-    EXPECT_EQ(g_server->lastRamp, RampFromMatrix(WarmthMatrix(128, 0), false));
-    EXPECT_EQ(g_server->lastName.rfind(L"\\\\.\\DISPLAY", 0), 0u);
+    EXPECT_EQ(gfx.rampId, 42u);
+    EXPECT_EQ(gfx.rampSize, 1536u);
+    EXPECT_EQ(gfx.lastRamp, RampFromMatrix(WarmthMatrix(128, 0), false));
+    EXPECT_EQ(gfx.lastName.rfind(L"\\\\.\\DISPLAY", 0), 0u);
     EXPECT_EQ(HalSetInformation(HAL_CLASS_DISPLAY, nullptr, HAL_DISPLAY_WARMTH, &warmth, 7, &returned, 0), 0u);
 
     ChannelGainRequest gains{1.0f, 0.5f, 1.0f, 255.0f, 0.0f};
     ASSERT_EQ(HalSetInformation(HAL_CLASS_DISPLAY, nullptr, HAL_DISPLAY_CHANNEL_GAINS, &gains, 20, &returned, 0), 1u);
-    EXPECT_EQ(g_server->lastRamp[255], 65535);
-    EXPECT_EQ(g_server->lastRamp[256 + 255], 32768);
-    EXPECT_EQ(g_server->lastRamp[512 + 255], 0) << "full level without strength removes blue";
+    EXPECT_EQ(gfx.lastRamp[255], 65535);
+    EXPECT_EQ(gfx.lastRamp[256 + 255], 32768);
+    EXPECT_EQ(gfx.lastRamp[512 + 255], 0) << "full level without strength removes blue";
 
     uint32_t settings[9] = {};
     ASSERT_EQ(HalQueryInformation(HAL_CLASS_DISPLAY, nullptr, HAL_DISPLAY_TEMPERATURE, settings, 36, &returned), 1u);
     EXPECT_EQ(returned, 36u);
     for (uint32_t i = 0; i < 9; ++i) EXPECT_EQ(settings[i], i);
     uint32_t header[2];
-    std::memcpy(header, g_server->request, 8);
+    std::memcpy(header, gfx.request, 8);
     EXPECT_EQ(header[0], 1u);
     EXPECT_EQ(header[1], 42u);
-    EXPECT_EQ(g_server->request[88], 2);
-    EXPECT_EQ(g_server->requestSize, 92u);
+    EXPECT_EQ(gfx.request[88], 2);
+    EXPECT_EQ(gfx.requestSize, 92u);
 
     // Brightness through the power scheme: AC, unknown (255) and DC.
     const std::pair<BYTE, uint32_t> sources[] = {{1, 70}, {255, 70}, {0, 30}};
     for (const auto& [acLine, expected] : sources) {
-        g_power.acLine = acLine;
+        power.acLine = acLine;
         BrightnessRange range{};
         ASSERT_EQ(HalQueryInformation(HAL_CLASS_DISPLAY, nullptr, HAL_DISPLAY_BRIGHTNESS, &range, 20, &returned), 1u);
         EXPECT_EQ(range.current, expected);
@@ -233,20 +141,20 @@ TEST(DisplayColorServer, IntelAdapterUsesTheServerForRampsSettingsAndBrightness)
     EXPECT_EQ(HalQueryInformation(HAL_CLASS_DISPLAY, nullptr, HAL_DISPLAY_BRIGHTNESS, &small, 19, &returned), 0u);
 
     // The range is checked only for inputs shorter than 4 bytes.
-    g_power.acLine = 1;
+    power.acLine = 1;
     uint32_t value = 150;
     EXPECT_EQ(HalSetInformation(HAL_CLASS_DISPLAY, nullptr, HAL_DISPLAY_BRIGHTNESS, &value, 4, &returned, 0), 1u);
-    EXPECT_EQ(g_power.written, 150u);
-    EXPECT_TRUE(g_power.wroteAc);
+    EXPECT_EQ(power.written, 150u);
+    EXPECT_TRUE(power.wroteAc);
     EXPECT_EQ(HalSetInformation(HAL_CLASS_DISPLAY, nullptr, HAL_DISPLAY_BRIGHTNESS, &value, 2, &returned, 0), 0u);
     value = 80;
-    g_power.acLine = 0;
+    power.acLine = 0;
     EXPECT_EQ(HalSetInformation(HAL_CLASS_DISPLAY, nullptr, HAL_DISPLAY_BRIGHTNESS, &value, 0, &returned, 0), 1u);
-    EXPECT_TRUE(g_power.wroteDc);
-    EXPECT_EQ(g_power.written, 80u);
+    EXPECT_TRUE(power.wroteDc);
+    EXPECT_EQ(power.written, 80u);
 
     DebugCapture debug;
-    g_power.setResult = 5;
+    power.setResult = 5;
     EXPECT_EQ(HalSetInformation(HAL_CLASS_DISPLAY, nullptr, HAL_DISPLAY_BRIGHTNESS, &value, 4, &returned, 0), 0u);
     EXPECT_EQ(debug.Messages(), std::vector<std::wstring>{L"[DpSetInformation] PowerSetActiveScheme Result:5"
                                                           L"(`anonymous-namespace'::SetLight)\n"});

@@ -9,104 +9,22 @@
 #include <optional>
 #include <vector>
 
+#include "support/fake_wlan.h"
 #include "support/torvex_test.h"
 
 using torvex::test::DebugCapture;
+using torvex::test::FakeWlan;
+using torvex::test::MakeWlanInterface;
 using torvex::test::ImportPatch;
 using torvex::test::Redirect;
 
 namespace {
 
-// What the fake Native Wifi service answers and what it was asked.
-struct FakeWlan {
-    DWORD openResult = ERROR_SUCCESS;
-    HANDLE client = reinterpret_cast<HANDLE>(0x5150);
-    DWORD openedVersion = 0;
-    DWORD enumResult = ERROR_SUCCESS;
-    std::vector<WLAN_INTERFACE_INFO> interfaces;
-    DWORD queryResult = ERROR_SUCCESS;
-    bool queryGivesData = true;
-    WLAN_RADIO_STATE radio{};
-    std::optional<GUID> queriedInterface;
-    DWORD setResult = ERROR_SUCCESS;
-    int setCalls = 0;
-    DWORD setSize = 0;
-    WLAN_PHY_RADIO_STATE setBlock{};
-    std::vector<HANDLE> closed;
-    int outstanding = 0;  // blocks handed out and not yet freed
-};
-FakeWlan* g_wlan = nullptr;
-
-DWORD WINAPI FakeOpen(DWORD version, PVOID, PDWORD negotiated, PHANDLE client) {
-    g_wlan->openedVersion = version;
-    *negotiated = version;
-    *client = g_wlan->client;
-    return g_wlan->openResult;
-}
-
-DWORD WINAPI FakeEnum(HANDLE, PVOID, PWLAN_INTERFACE_INFO_LIST* list) {
-    if (g_wlan->enumResult != ERROR_SUCCESS) return g_wlan->enumResult;
-    const size_t count = g_wlan->interfaces.size();
-    auto* block = static_cast<WLAN_INTERFACE_INFO_LIST*>(
-        std::calloc(1, sizeof(WLAN_INTERFACE_INFO_LIST) + count * sizeof(WLAN_INTERFACE_INFO)));
-    block->dwNumberOfItems = static_cast<DWORD>(count);
-    for (size_t i = 0; i < count; ++i) block->InterfaceInfo[i] = g_wlan->interfaces[i];
-    ++g_wlan->outstanding;
-    *list = block;
-    return ERROR_SUCCESS;
-}
-
-DWORD WINAPI FakeQuery(HANDLE, const GUID* iface, WLAN_INTF_OPCODE opcode, PVOID, PDWORD size, PVOID* data,
-                       PWLAN_OPCODE_VALUE_TYPE) {
-    g_wlan->queriedInterface = *iface;
-    if (opcode != wlan_intf_opcode_radio_state) return ERROR_INVALID_PARAMETER;
-    if (g_wlan->queryResult != ERROR_SUCCESS) return g_wlan->queryResult;
-    *size = sizeof(WLAN_RADIO_STATE);
-    if (!g_wlan->queryGivesData) {
-        *data = nullptr;
-        return ERROR_SUCCESS;
-    }
-    auto* block = static_cast<WLAN_RADIO_STATE*>(std::malloc(sizeof(WLAN_RADIO_STATE)));
-    *block = g_wlan->radio;
-    ++g_wlan->outstanding;
-    *data = block;
-    return ERROR_SUCCESS;
-}
-
-DWORD WINAPI FakeSet(HANDLE, const GUID*, WLAN_INTF_OPCODE opcode, DWORD size, const PVOID data, PVOID) {
-    ++g_wlan->setCalls;
-    g_wlan->setSize = size;
-    if (opcode == wlan_intf_opcode_radio_state && size >= sizeof(WLAN_PHY_RADIO_STATE))
-        std::memcpy(&g_wlan->setBlock, data, sizeof(WLAN_PHY_RADIO_STATE));
-    return g_wlan->setResult;
-}
-
-VOID WINAPI FakeFree(PVOID memory) {
-    if (memory == nullptr) return;
-    --g_wlan->outstanding;
-    std::free(memory);
-}
-
-DWORD WINAPI FakeClose(HANDLE client, PVOID) {
-    g_wlan->closed.push_back(client);
-    return ERROR_SUCCESS;
-}
-
-WLAN_INTERFACE_INFO MakeInterface(unsigned char seed, const wchar_t* description, WLAN_INTERFACE_STATE state) {
-    WLAN_INTERFACE_INFO info{};
-    for (int i = 0; i < 8; ++i) info.InterfaceGuid.Data4[i] = static_cast<unsigned char>(seed + i);
-    info.InterfaceGuid.Data1 = 0x1000u * seed;
-    wcsncpy(info.strInterfaceDescription, description, 255);
-    info.isState = state;
-    return info;
-}
-
 class WifiTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        g_wlan = &wlan;
-        wlan.interfaces = {MakeInterface(1, L"Radio One", wlan_interface_state_connected),
-                           MakeInterface(7, L"Radio Two", wlan_interface_state_disconnected)};
+        wlan.interfaces = {MakeWlanInterface(1, L"Radio One", wlan_interface_state_connected),
+                           MakeWlanInterface(7, L"Radio Two", wlan_interface_state_disconnected)};
         wlan.radio.dwNumberOfPhys = 2;
         wlan.radio.PhyRadioState[0].dwPhyIndex = 0;
         wlan.radio.PhyRadioState[0].dot11SoftwareRadioState = dot11_radio_state_off;
@@ -114,7 +32,6 @@ protected:
     }
     void TearDown() override {
         EXPECT_EQ(wlan.outstanding, 0) << "a Native Wifi block was not freed";
-        g_wlan = nullptr;
     }
 
     HalWifiRecord* Init() {
@@ -124,12 +41,6 @@ protected:
     }
 
     FakeWlan wlan;
-    ImportPatch open = Redirect("WlanOpenHandle", &FakeOpen);
-    ImportPatch enumerate = Redirect("WlanEnumInterfaces", &FakeEnum);
-    ImportPatch query = Redirect("WlanQueryInterface", &FakeQuery);
-    ImportPatch set = Redirect("WlanSetInterface", &FakeSet);
-    ImportPatch freeMemory = Redirect("WlanFreeMemory", &FakeFree);
-    ImportPatch close = Redirect("WlanCloseHandle", &FakeClose);
     DebugCapture debug;
 };
 

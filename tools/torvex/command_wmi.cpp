@@ -50,9 +50,11 @@ int RunFirmware(const std::vector<std::wstring>& args) {
     }
     if ((what == L"super-saver-on" || what == L"super-saver-off" || what == L"thermal-defaults") &&
         args.size() == 1) {
+        // SetOdvp0ToDefault answers true only when the firmware rejected both
+        // items (the thermal tools rely on that), so false is what "done" looks like.
         const bool ok = what == L"super-saver-on"    ? channel.StartSuperSaver()
                         : what == L"super-saver-off" ? channel.StopSuperSaver()
-                                                     : channel.SetOdvp0ToDefault();
+                                                     : !channel.SetOdvp0ToDefault();
         if (!ok) {
             PrintError("torvex firmware: the firmware refused " + Utf8(what));
             return kExitRefused;

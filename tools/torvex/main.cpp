@@ -1,4 +1,4 @@
-// torvex.exe entry point: command dispatch, help, and the report renderers.
+// torvex.exe: command dispatch, help, and the report renderers.
 #include <cstdio>
 #include <cstdlib>
 #include <algorithm>
@@ -333,19 +333,19 @@ const CommandRegistration kHelp("help", "help [COMMAND]", "describe the commands
 }  // namespace
 }  // namespace tool
 
-int wmain(int argc, wchar_t** argv) {
-    SetConsoleOutputCP(CP_UTF8);
-    std::vector<std::wstring> args(argv + 1, argv + argc);
-    if (args.empty() || args[0] == L"--help" || args[0] == L"-h") {
-        return tool::Commands().at("help").run({});
-    }
-    const std::string name = tool::Utf8(args[0]);
-    auto it = tool::Commands().find(name);
-    if (it == tool::Commands().end()) {
-        tool::PrintError("torvex: unknown command '" + name + "' (see torvex --help)");
-        return tool::kExitUsage;
+namespace tool {
+
+int Run(std::vector<std::wstring> args) {
+    if (args.empty() || args[0] == L"--help" || args[0] == L"-h") return Commands().at("help").run({});
+    const std::string name = Utf8(args[0]);
+    auto it = Commands().find(name);
+    if (it == Commands().end()) {
+        PrintError("torvex: unknown command '" + name + "' (see torvex --help)");
+        return kExitUsage;
     }
     args.erase(args.begin());
-    if (!args.empty() && (args[0] == L"--help" || args[0] == L"-h")) return tool::Commands().at("help").run({tool::Wide(name)});
+    if (!args.empty() && (args[0] == L"--help" || args[0] == L"-h")) return Commands().at("help").run({Wide(name)});
     return it->second.run(args);
 }
+
+}  // namespace tool

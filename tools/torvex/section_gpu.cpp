@@ -31,6 +31,7 @@ void Fill(Section& section) {
         Section item;
         item.key = a.key;
         item.title = std::string(a.key) + " adapter";
+        item.Text("kind", a.key);
         const char* names[] = {"name", "status", "driver version", "driver date"};
         for (uint32_t i = 0; i < 4; ++i) {
             wchar_t text[300] = {};

@@ -62,7 +62,13 @@ int RunWifi(const std::vector<std::wstring>& args) {
     } else {
         uint32_t on = args[0] == L"on" ? 1 : 0;
         uint32_t written = 0;
-        if (api.HalSetInformation(HAL_CLASS_WIFI, record, HAL_WIFI_RADIO_STATE, &on, sizeof(on), &written, 0)) {
+        // The library reports a failed switch on the debug channel only, so
+        // the state is read back to tell whether the radio really changed.
+        HalWifiRadioState after{};
+        const uint32_t wanted = on ? 1 : 2;
+        if (api.HalSetInformation(HAL_CLASS_WIFI, record, HAL_WIFI_RADIO_STATE, &on, sizeof(on), &written, 0) &&
+            api.HalQueryInformation(HAL_CLASS_WIFI, record, HAL_WIFI_RADIO_STATE, &after, sizeof(after), &written) &&
+            after.softwareRadioState == wanted) {
             PrintLine("Wi-Fi radio of '" + Utf8(record->interfaces[0].description, wcsnlen(record->interfaces[0].description, 256)) + "' switched " +
                       Utf8(args[0]));
         } else {

@@ -70,6 +70,9 @@ struct CommandRegistration {
                         CommandFn run);
 };
 
+// Runs one command line (without the program name); returns the exit status.
+int Run(std::vector<std::wstring> args);
+
 constexpr int kExitOk = 0;
 constexpr int kExitUsage = 1;
 constexpr int kExitRefused = 2;

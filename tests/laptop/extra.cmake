@@ -1,0 +1,7 @@
+# The tool's commands run in-process over the faked laptop; the report the
+# first test leaves behind is then checked as JSON.
+target_link_libraries(${target} PRIVATE torvex_tool)
+set_tests_properties(${name} PROPERTIES FIXTURES_SETUP laptop_report)
+add_test(NAME laptop_json
+  COMMAND python3 ${dir}/check_report.py ${CMAKE_BINARY_DIR}/bin/laptop-report.json)
+set_tests_properties(laptop_json PROPERTIES FIXTURES_REQUIRED laptop_report)
