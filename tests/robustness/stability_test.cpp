@@ -52,18 +52,12 @@ std::vector<std::string> MixedRound() {
     return answers;
 }
 
-DWORD HandleCount() {
-    DWORD count = 0;
-    GetProcessHandleCount(GetCurrentProcess(), &count);
-    return count;
-}
-
 TEST(Stability, RepeatedCallsLeaveNoHandleBehind) {
     const auto first = MixedRound();  // warms up what Wine creates once per process
     MixedRound();
-    const DWORD before = HandleCount();
+    const DWORD before = torvex::test::OpenHandleCount();
     for (int round = 0; round < 200; ++round) ASSERT_EQ(MixedRound(), first) << "round " << round;
-    EXPECT_LE(HandleCount(), before + 4) << "handles grew from " << before;
+    EXPECT_LE(torvex::test::OpenHandleCount(), before + 4) << "handles grew from " << before;
 }
 
 }  // namespace

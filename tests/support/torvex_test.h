@@ -49,6 +49,10 @@ ImportPatch Redirect(const char* function, Fn* replacement) {
     return ImportPatch(function, reinterpret_cast<void*>(replacement));
 }
 
+// Handles open in this process. Wine's GetProcessHandleCount answers 0, so
+// the handle table is probed value by value there.
+DWORD OpenHandleCount();
+
 // True when Torvex.dll imports the function by that name.
 bool Imports(const char* function, HMODULE module = TorvexModule());
 
