@@ -3,8 +3,8 @@
 // call that does the same work: one WMI connection and query, or the same
 // system call. Every library call connects to WMI anew, so the hand-written
 // call is the floor this design allows. Calls are interleaved (library,
-// hand-written, library, ...) after a few warm-up calls; the medians and
-// their ratio are reported per query.
+// hand-written, hand-written, library, ...) after a few warm-up calls; the
+// medians and their ratio are reported per query.
 //
 //   torvex_bench.exe [--iterations N]
 #include <windows.h>
@@ -189,13 +189,15 @@ double Median(std::vector<double> values) {
 }
 
 // Library and hand-written calls alternate, so that both see the same state
-// of the system; warm-up calls are not counted.
+// of the system, and which of the two goes first swaps every iteration so
+// that neither always follows the other; warm-up calls are not counted.
 void Measure(const Pair& pair, int iterations, Side& library, Side& baseline) {
     std::vector<double> times[2];
     Side* sides[2] = {&library, &baseline};
     const Call* calls[2] = {&pair.library, &pair.baseline};
     for (int i = 0; i < kWarmupCalls + iterations; ++i) {
-        for (int s = 0; s < 2; ++s) {
+        for (int turn = 0; turn < 2; ++turn) {
+            const int s = (turn + i) % 2;
             std::string answer;
             bool answered = false;
             const double micros = Micros(*calls[s], answer, answered);
