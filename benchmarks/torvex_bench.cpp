@@ -146,7 +146,7 @@ bool BaselineCpuNameRegistry(std::string& answer) {
 
 Call LibraryText(uint32_t type, void* device, uint32_t code, bool wide) {
     return [=](std::string& answer) {
-        char buffer[1024];
+        alignas(wchar_t) char buffer[1024];  // wide answers are read in place
         uint32_t written = 0;
         if (!HalQueryInformation(type, device, code, buffer, sizeof(buffer), &written) || written > sizeof(buffer))
             return false;
