@@ -107,14 +107,4 @@ bool DebugCapture::Contains(const std::wstring& text) const {
     return false;
 }
 
-DWORD OpenHandleCount() {
-    DWORD count = 0;
-    if (GetProcessHandleCount(GetCurrentProcess(), &count) && count != 0) return count;
-    for (ULONG_PTR value = 4; value < 0x10000; value += 4) {
-        DWORD flags = 0;
-        if (GetHandleInformation(reinterpret_cast<HANDLE>(value), &flags)) ++count;
-    }
-    return count;
-}
-
 }  // namespace torvex::test

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "support/handle_count.h"
 #include "torvex.h"
 
 namespace torvex::test {
@@ -48,10 +49,6 @@ template <typename Fn>
 ImportPatch Redirect(const char* function, Fn* replacement) {
     return ImportPatch(function, reinterpret_cast<void*>(replacement));
 }
-
-// Handles open in this process. Wine's GetProcessHandleCount answers 0, so
-// the handle table is probed value by value there.
-DWORD OpenHandleCount();
 
 // True when Torvex.dll imports the function by that name.
 bool Imports(const char* function, HMODULE module = TorvexModule());

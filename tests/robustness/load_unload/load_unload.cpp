@@ -9,20 +9,10 @@
 #include <cstdlib>
 #include <string>
 
+#include "support/handle_count.h"
 #include "torvex.h"
 
 namespace {
-
-// Wine's GetProcessHandleCount answers 0: probe the handle table instead.
-DWORD HandleCount() {
-    DWORD count = 0;
-    if (GetProcessHandleCount(GetCurrentProcess(), &count) && count != 0) return count;
-    for (ULONG_PTR value = 4; value < 0x10000; value += 4) {
-        DWORD flags = 0;
-        if (GetHandleInformation(reinterpret_cast<HANDLE>(value), &flags)) ++count;
-    }
-    return count;
-}
 
 // Committed private memory (Wine leaves PrivateUsage at 0 but fills PagefileUsage).
 SIZE_T PrivateBytes() {
@@ -64,11 +54,11 @@ int main() {
     // The first cycles warm up what the system creates once per process.
     for (int i = 0; i < 3; ++i)
         if (!Cycle(path)) return 1;
-    const DWORD handles = HandleCount();
+    const DWORD handles = torvex::test::OpenHandleCount();
     const SIZE_T bytes = PrivateBytes();
     for (int i = 0; i < 100; ++i)
         if (!Cycle(path)) return std::fprintf(stderr, "cycle %d failed\n", i), 1;
-    const DWORD handlesAfter = HandleCount();
+    const DWORD handlesAfter = torvex::test::OpenHandleCount();
     const SIZE_T bytesAfter = PrivateBytes();
     std::printf("handles %lu -> %lu, private bytes %zu -> %zu\n", handles, handlesAfter, bytes, bytesAfter);
     int status = 0;
