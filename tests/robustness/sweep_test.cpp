@@ -9,4 +9,8 @@ TEST(RobustnessSweep, QueriesNeverWritePastTheBufferAndRefusalsTouchNothing) { t
 
 TEST(RobustnessSweep, OtherExportsRefuseBadArgumentsWithoutFaulting) { torvex::test::SweepOtherExports(); }
 
+// Wine has no wireless interface, no audio endpoint, no firmware method and no
+// display back end, so every set here is refused before it changes anything.
+TEST(RobustnessSweep, SetsNeverFault) { torvex::test::SweepSets(); }
+
 }  // namespace
