@@ -138,17 +138,22 @@ struct IgclDisplayProperties {  // 200 bytes
     uint32_t size;
     uint8_t version;
     uint8_t pad[3];
-    uint64_t encoderHandle;
+    struct {
+        void* data;  // or a 32-bit encoder id in the first word
+        uint32_t size;
+    } encoder;
     uint32_t type;
     uint32_t muxType;
     uint32_t converterOutput;
-    uint32_t supportedSpec;
+    uint8_t supportedSpec[3];  // major, minor, revision
+    uint8_t pad2;
     uint32_t supportedBpc;
     uint32_t converterType;
     uint32_t configFlags;  // 1 active, 2 attached
-    uint8_t rest[200 - 44];
+    uint8_t rest[200 - 52];
 };
 static_assert(sizeof(IgclDisplayProperties) == 200, "display properties are 200 bytes");
+static_assert(offsetof(IgclDisplayProperties, configFlags) == 48, "configuration flags follow the converter type");
 constexpr uint32_t kDisplayActiveAttached = 1 | 2;
 
 struct IgclOneDLut {

@@ -77,7 +77,7 @@ EXPORT uint32_t ctlEnumerateDisplayOutputs(void* device, uint32_t* count, void**
 EXPORT uint32_t ctlGetDisplayProperties(void* display, void* properties) {
     ++g_state->propertyCalls;
     g_state->propertySize = U32(properties, 0);
-    U32(properties, 40) = g_state->outputFlags[((uintptr_t)display & 15) % IGCL_MAX_OUTPUTS];
+    U32(properties, 48) = g_state->outputFlags[((uintptr_t)display & 15) % IGCL_MAX_OUTPUTS];
     return 0;
 }
 
