@@ -40,11 +40,12 @@ protected:
     }
     void TearDown() override {
         EXPECT_EQ(wmi.LiveObjects(), 0) << "a WMI object was left referenced";
-        // Whatever happened, the mutex is free again.
+        // Whatever happened, this process no longer holds the mutex. Other
+        // test programs may hold it for a moment, hence the wait.
         HANDLE mutex = OpenMutexW(SYNCHRONIZE, FALSE, L"MutexWMI");
         if (mutex != nullptr) {
             std::thread other([mutex] {
-                EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_OBJECT_0);
+                EXPECT_EQ(WaitForSingleObject(mutex, 10000), WAIT_OBJECT_0);
                 ReleaseMutex(mutex);
             });
             other.join();
