@@ -84,14 +84,12 @@ TEST(DisplayMath, IntelGainAdjustmentsByMode) {
 
 // ------------------------------------------------- graphics-driver server
 
-HMODULE WINAPI NoLibrary(LPCWSTR) { return nullptr; }
-
 // The server back end is process-wide once chosen, so one test walks it.
 TEST(DisplayColorServer, IntelAdapterUsesTheServerForRampsSettingsAndBrightness) {
     FakeDeviceTree tree;
     tree.Add(FakeDevice(kDisplayClass).Ids({L"PCI\\VEN_8086"}).Desc(L"Intel(R) UHD Graphics"));
     FakeWmi wmi;
-    ImportPatch noDxgi = Redirect("LoadLibraryW", &NoLibrary);
+    ImportPatch noDxgi = torvex::test::WithoutDxgi();
     FakeGfxServer& gfx = SharedGfxServer();
     ComClassRegistration server(kGfxServerClass, [](REFIID iid, void** out) { return SharedGfxServer().QueryInterface(iid, out); });
     FakePower power;

@@ -11,12 +11,14 @@
 
 #include "devices/device_property_keys.h"
 #include "support/fake_com.h"
+#include "support/fake_graphics.h"
 #include "support/fake_setupapi.h"
 #include "support/fake_wmi.h"
 #include "support/torvex_test.h"
 
 using torvex::test::ComObject;
 using torvex::test::FakeDevice;
+using torvex::test::kDisplayClass;
 using torvex::test::FakeDeviceTree;
 using torvex::test::FakeWmi;
 using torvex::test::ImportPatch;
@@ -25,7 +27,6 @@ using torvex::test::WmiValue;
 
 namespace {
 
-const GUID kDisplayClass = {0x4D36E968, 0xE325, 0x11CE, {0xBF, 0xC1, 0x08, 0x00, 0x2B, 0xE1, 0x03, 0x18}};
 const std::wstring kCimv2 = L"ROOT\\CIMV2";
 
 class FakeAdapter : public ComObject<IDXGIAdapter> {

@@ -8,15 +8,16 @@
 #include <cstdlib>
 #include <string>
 
+#include "support/fake_graphics.h"
 #include "support/fake_setupapi.h"
 #include "support/fake_wmi.h"
 #include "support/torvex_test.h"
 
 using torvex::test::FakeDevice;
+using torvex::test::kDisplayClass;
 using torvex::test::FakeDeviceTree;
 using torvex::test::FakeWmi;
 using torvex::test::ImportPatch;
-using torvex::test::Redirect;
 
 namespace {
 
@@ -32,15 +33,7 @@ struct AdlStandInState {
     int contextsOpen;
 };
 
-const GUID kDisplayClass = {0x4D36E968, 0xE325, 0x11CE, {0xBF, 0xC1, 0x08, 0x00, 0x2B, 0xE1, 0x03, 0x18}};
-ImportPatch* g_loadOriginal = nullptr;
 
-// No DXGI in these tests; every other library loads for real.
-HMODULE WINAPI LoadWithoutDxgi(LPCWSTR path) {
-    const std::wstring text(path);
-    if (text.size() >= 9 && _wcsicmp(text.c_str() + text.size() - 9, L"\\dxgi.dll") == 0) return nullptr;
-    return g_loadOriginal->Original<decltype(&LoadLibraryW)>()(path);
-}
 
 std::wstring SystemCopy() {
     wchar_t directory[MAX_PATH] = {};
@@ -57,7 +50,6 @@ protected:
     static void TearDownTestSuite() { DeleteFileW(SystemCopy().c_str()); }
 
     void SetUp() override {
-        g_loadOriginal = &load;
         tree.Add(FakeDevice(kDisplayClass).Ids({L"PCI\\VEN_8086"}).Desc(L"Some Display"));
         tree.Add(FakeDevice(kDisplayClass).Ids({L"PCI\\VEN_1002"}).Desc(L"AMD Radeon(TM) Graphics"));
         tree.Add(FakeDevice(kDisplayClass).Ids({L"PCI\\VEN_8086&DEV_1"}).Desc(L"Intel(R) UHD Graphics"));
@@ -70,7 +62,7 @@ protected:
 
     FakeDeviceTree tree;
     FakeWmi wmi;
-    ImportPatch load = Redirect("LoadLibraryW", &LoadWithoutDxgi);
+    ImportPatch noDxgi = torvex::test::WithoutDxgi();
 };
 
 TEST_F(AdlTest, TheFirstAmdAdapterChoosesTheLibraryAndItsMappedDisplay) {

@@ -8,12 +8,14 @@
 #include <string>
 
 #include "display_intel/igcl_stand_in.h"
+#include "support/fake_graphics.h"
 #include "support/fake_setupapi.h"
 #include "support/fake_wmi.h"
 #include "support/torvex_test.h"
 
 using torvex::test::DebugCapture;
 using torvex::test::FakeDevice;
+using torvex::test::kDisplayClass;
 using torvex::test::FakeDeviceTree;
 using torvex::test::FakeWmi;
 using torvex::test::ImportPatch;
@@ -21,20 +23,12 @@ using torvex::test::Redirect;
 
 namespace {
 
-const GUID kDisplayClass = {0x4D36E968, 0xE325, 0x11CE, {0xBF, 0xC1, 0x08, 0x00, 0x2B, 0xE1, 0x03, 0x18}};
 
-ImportPatch* g_loadOriginal = nullptr;
 ImportPatch* g_loadExOriginal = nullptr;
 bool g_libraryPresent = true;
 std::wstring g_requestedName;
 DWORD g_requestedFlags = 0;
 
-// No DXGI in these tests; every other library loads for real.
-HMODULE WINAPI LoadWithoutDxgi(LPCWSTR path) {
-    const std::wstring text(path);
-    if (text.size() >= 9 && _wcsicmp(text.c_str() + text.size() - 9, L"\\dxgi.dll") == 0) return nullptr;
-    return g_loadOriginal->Original<decltype(&LoadLibraryW)>()(path);
-}
 
 HMODULE WINAPI LoadControlLib(LPCWSTR name, HANDLE file, DWORD flags) {
     const auto original = g_loadExOriginal->Original<decltype(&LoadLibraryExW)>();
@@ -63,7 +57,6 @@ protected:
         state->blockCount = 1;
         state->blockTypes[0] = 1;
         state->blockSamples[0] = 5;
-        g_loadOriginal = &load;
         g_loadExOriginal = &loadEx;
         g_libraryPresent = true;
         tree.Add(FakeDevice(kDisplayClass).Ids({L"PCI\\VEN_8086&DEV_1"}).Desc(L"Intel(R) UHD Graphics"));
@@ -86,7 +79,7 @@ protected:
     IgclStandInState* state = nullptr;
     FakeDeviceTree tree;
     FakeWmi wmi;
-    ImportPatch load = Redirect("LoadLibraryW", &LoadWithoutDxgi);
+    ImportPatch noDxgi = torvex::test::WithoutDxgi();
     ImportPatch loadEx = Redirect("LoadLibraryExW", &LoadControlLib);
 };
 

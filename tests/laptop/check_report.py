@@ -3,7 +3,8 @@ facts arrive with the types the schema documents (numbers as numbers)."""
 import json
 import sys
 
-report = json.load(open(sys.argv[1], encoding="utf-8"))
+text = open(sys.argv[1], encoding="utf-8").read()
+report = json.loads(text)
 failures = []
 
 
@@ -36,6 +37,10 @@ check(report["audio"]["codecs"] == 1, "one audio codec")
 check(report["drivers"]["items"][0]["error_code"] == 28, "problem device with its code")
 check(report["mainboard"]["bios_release_date"] == "2023-04-12", "BIOS date")
 check(report["enclave"]["available"] is False and "note" in report["enclave"], "enclave explains itself")
+
+for fact in ["SAMSUNG MZVLB512HBJQ-000L7", "ST1000LM035-1RK172", "M471A1K43DB1-CWE", "LNVNB161216",
+             "Realtek(R) Audio", "Unknown Sensor", "Intel(R) Wi-Fi 6 AX201 160MHz", "L20M3PF0"]:
+    check(f'"{fact}"' in text, f"the report names {fact}")
 
 for failure in failures:
     print("FAIL:", failure)

@@ -56,24 +56,16 @@ Outcome RunTool(std::vector<std::wstring> args) {
 
 class LaptopTest : public ::testing::Test {
 protected:
-    void TearDown() override {
-        EXPECT_EQ(laptop.wmi.LiveObjects(), 0) << "a WMI object was left referenced";
-        EXPECT_EQ(laptop.tree.OpenSets(), 0) << "a device-information set was left open";
-        EXPECT_EQ(laptop.wlan.outstanding, 0) << "a Native Wifi block was not freed";
-    }
+    void TearDown() override { laptop.ExpectNothingLeft(); }
     FakeLaptop laptop;
 };
 
-// The report is kept beside the program for the JSON checks that follow.
+// The report is kept beside the program: check_report.py checks its facts.
 TEST_F(LaptopTest, JsonReportNamesWhatTheLaptopHas) {
     const Outcome report = RunTool({L"report", L"--json"});
     ASSERT_EQ(report.status, 0) << report.err;
-    std::ofstream(std::filesystem::path(torvex::test::ProgramDirectory() + L"\\laptop-report.json"), std::ios::binary) << report.out;
-    for (const char* fact : {"SAMSUNG MZVLB512HBJQ-000L7", "ST1000LM035-1RK172", "M471A1K43DB1-CWE",
-                             "NVIDIA GeForce RTX 3050 Laptop GPU", "Intel(R) Iris(R) Xe Graphics", "LNVNB161216",
-                             "Realtek(R) Audio", "Unknown Sensor", "Intel(R) Wi-Fi 6 AX201 160MHz", "L20M3PF0"})
-        EXPECT_NE(report.out.find(fact), std::string::npos) << fact;
-
+    const std::filesystem::path saved(torvex::test::ProgramDirectory() + L"\\laptop-report.json");
+    std::ofstream(saved, std::ios::binary) << report.out;
     const Outcome text = RunTool({L"report"});
     EXPECT_EQ(text.status, 0);
     EXPECT_NE(text.out.find("== Battery =="), std::string::npos);

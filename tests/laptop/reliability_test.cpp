@@ -59,11 +59,7 @@ std::string MixedCall(int i) {
 
 class LaptopReliability : public ::testing::Test {
 protected:
-    void TearDown() override {
-        EXPECT_EQ(laptop.wmi.LiveObjects(), 0);
-        EXPECT_EQ(laptop.tree.OpenSets(), 0);
-        EXPECT_EQ(laptop.wlan.outstanding, 0);
-    }
+    void TearDown() override { laptop.ExpectNothingLeft(); }
     FakeLaptop laptop;
 };
 

@@ -10,9 +10,11 @@
 #include <cstring>
 #include <string>
 
+#include "support/fake_graphics.h"
 #include "support/fake_wmi.h"
 #include "support/torvex_test.h"
 
+using torvex::test::FakePower;
 using torvex::test::FakeWmi;
 using torvex::test::ImportPatch;
 using torvex::test::Redirect;
@@ -21,13 +23,6 @@ using torvex::test::WmiValue;
 namespace {
 
 struct FakeBattery {
-    int powerFailures = 0;  // GetSystemPowerStatus fails this many times first
-    int powerCalls = 0;
-    BYTE acLine = 1;
-    BYTE batteryFlag = 1;
-    int stateFailures = 0;
-    int stateCalls = 0;
-    SYSTEM_BATTERY_STATE state{};
     bool hasInterface = true;
     ULONG tag = 7;
     BATTERY_INFORMATION information{};
@@ -43,23 +38,6 @@ ImportPatch* g_closeOriginal = nullptr;
 const HDEVINFO kSet = reinterpret_cast<HDEVINFO>(0x5E70000);
 const HANDLE kDevice = reinterpret_cast<HANDLE>(0xBA770000);
 const wchar_t kPath[] = L"\\\\?\\acpi#pnp0c0a#1#{72631e54-78a4-11d0-bcf7-00aa00b7b32a}";
-
-BOOL WINAPI FakePowerStatus(LPSYSTEM_POWER_STATUS status) {
-    ++g_battery->powerCalls;
-    if (g_battery->powerFailures-- > 0) return FALSE;
-    *status = SYSTEM_POWER_STATUS{};
-    status->ACLineStatus = g_battery->acLine;
-    status->BatteryFlag = g_battery->batteryFlag;
-    return TRUE;
-}
-
-LONG WINAPI FakePowerInformation(POWER_INFORMATION_LEVEL level, PVOID, ULONG, PVOID out, ULONG outSize) {
-    ++g_battery->stateCalls;
-    if (level != SystemBatteryState || outSize != sizeof(SYSTEM_BATTERY_STATE)) return 0xC000000D;
-    if (g_battery->stateFailures-- > 0) return 0xC0000001;
-    std::memcpy(out, &g_battery->state, sizeof(SYSTEM_BATTERY_STATE));
-    return 0;
-}
 
 HDEVINFO WINAPI FakeClassDevs(const GUID*, PCWSTR, HWND, DWORD flags) {
     return flags == (DIGCF_PRESENT | DIGCF_DEVICEINTERFACE) ? kSet : INVALID_HANDLE_VALUE;
@@ -133,10 +111,11 @@ protected:
         g_battery = &battery;
         g_ioctlOriginal = &ioctl;
         g_closeOriginal = &close;
-        battery.state.AcOnLine = 1;
-        battery.state.MaxCapacity = 42500;
-        battery.state.RemainingCapacity = 30000;
-        battery.state.Rate = 5000;
+        power.batteryFlag = 1;
+        power.battery.AcOnLine = 1;
+        power.battery.MaxCapacity = 42500;
+        power.battery.RemainingCapacity = 30000;
+        power.battery.Rate = 5000;
         battery.information.Capabilities = 0x80000000u;
         battery.information.DesignedCapacity = 50000;
         battery.status.Voltage = 12600;
@@ -170,9 +149,8 @@ protected:
     }
 
     FakeBattery battery;
+    FakePower power;
     FakeWmi wmi;
-    ImportPatch power = Redirect("GetSystemPowerStatus", &FakePowerStatus);
-    ImportPatch information = Redirect("CallNtPowerInformation", &FakePowerInformation);
     ImportPatch classDevs = Redirect("SetupDiGetClassDevsW", &FakeClassDevs);
     ImportPatch interfaces = Redirect("SetupDiEnumDeviceInterfaces", &FakeEnumInterfaces);
     ImportPatch detail = Redirect("SetupDiGetDeviceInterfaceDetailW", &FakeInterfaceDetail);
@@ -190,20 +168,20 @@ TEST_F(BatteryTest, ALaptopAnswersEveryNumber) {
     };
     for (const auto& [code, value] : expected) EXPECT_EQ(Number(code), std::make_pair(1u, value)) << code;
     EXPECT_EQ(Number(HAL_BT_DISCHARGE_RATE_MW).first, 0u) << "on AC power";
-    battery.state.AcOnLine = 0;
-    battery.state.Rate = static_cast<ULONG>(-12000);
+    power.battery.AcOnLine = 0;
+    power.battery.Rate = static_cast<ULONG>(-12000);
     EXPECT_EQ(Number(HAL_BT_DISCHARGE_RATE_MW), std::make_pair(1u, 12000u));
     EXPECT_EQ(Number(HAL_BT_CHARGE_RATE_MW).first, 0u);
-    battery.state.AcOnLine = 1;
-    battery.state.Rate = 0;
+    power.battery.AcOnLine = 1;
+    power.battery.Rate = 0;
     EXPECT_EQ(Number(HAL_BT_CHARGE_RATE_MW).first, 0u);
-    battery.state.MaxCapacity = 50000;
+    power.battery.MaxCapacity = 50000;
     EXPECT_EQ(Number(HAL_BT_WEAR_CENTIPERCENT).first, 0u) << "no wear unless designed exceeds full";
 }
 
 TEST_F(BatteryTest, ADesktopFailsThePresenceCodesButAnswersTheAcLine) {
     for (BYTE flag : {BYTE{128}, BYTE{255}}) {
-        battery.batteryFlag = flag;
+        power.batteryFlag = flag;
         for (uint32_t code : {0u, 3u, 4u, 5u, 7u, 8u}) EXPECT_EQ(Number(code).first, 0u) << code;
         EXPECT_EQ(Number(HAL_BT_AC_LINE_STATUS), std::make_pair(1u, 1u));
     }
@@ -234,22 +212,22 @@ TEST_F(BatteryTest, NamesFollowTheInvertedManufacturerTest) {
 }
 
 TEST_F(BatteryTest, PowerCallsAreRetriedWithinTheirBounds) {
-    battery.powerFailures = 2;
+    power.statusFailures = 2;
     EXPECT_EQ(Number(HAL_BT_AC_LINE_STATUS), std::make_pair(1u, 1u));
-    EXPECT_EQ(battery.powerCalls, 3);
-    battery.powerCalls = 0;
-    battery.powerFailures = 100;
+    EXPECT_EQ(power.statusCalls, 3);
+    power.statusCalls = 0;
+    power.statusFailures = 100;
     EXPECT_EQ(Number(HAL_BT_AC_LINE_STATUS).first, 0u);
-    EXPECT_EQ(battery.powerCalls, 3);
+    EXPECT_EQ(power.statusCalls, 3);
 
-    battery.powerFailures = 0;
-    battery.stateFailures = 3;
+    power.statusFailures = 0;
+    power.batteryFailures = 3;
     EXPECT_EQ(Number(HAL_BT_REMAINING_MWH), std::make_pair(1u, 30000u));
-    EXPECT_EQ(battery.stateCalls, 4);
-    battery.stateCalls = 0;
-    battery.stateFailures = 100;
+    EXPECT_EQ(power.batteryCalls, 4);
+    power.batteryCalls = 0;
+    power.batteryFailures = 100;
     EXPECT_EQ(Number(HAL_BT_REMAINING_MWH).first, 0u);
-    EXPECT_EQ(battery.stateCalls, 4);
+    EXPECT_EQ(power.batteryCalls, 4);
 }
 
 TEST_F(BatteryTest, OemReadingAndChargeControl) {
@@ -304,7 +282,7 @@ TEST_F(BatteryTest, RefusalsComeBeforeAnySource) {
     uint32_t value = 77;
     uint32_t written = 9;
     EXPECT_EQ(BtQueryInformation(HAL_BT_FULL_CHARGED_MWH, &value, 2, &written), 0u);
-    EXPECT_EQ(battery.powerCalls, 0) << "the size is checked before the presence test";
+    EXPECT_EQ(power.statusCalls, 0) << "the size is checked before the presence test";
     EXPECT_EQ(BtQueryInformation(13, &value, 4, &written), 0u);
     EXPECT_EQ(BtQueryInformation(HAL_BT_PRESENT, nullptr, 4, &written), 0u);
     EXPECT_EQ(BtQueryInformation(HAL_BT_PRESENT, &value, 4, nullptr), 0u);

@@ -43,6 +43,18 @@ HRESULT FakeGfxServer::QueryInterface(REFIID iid, void** out) {
     return E_NOINTERFACE;
 }
 
+namespace {
+
+HMODULE WINAPI LoadAnythingButDxgi(LPCWSTR path) {
+    const std::wstring text(path);
+    if (text.size() >= 9 && _wcsicmp(text.c_str() + text.size() - 9, L"\\dxgi.dll") == 0) return nullptr;
+    return ::LoadLibraryW(path);
+}
+
+}  // namespace
+
+ImportPatch WithoutDxgi() { return Redirect("LoadLibraryW", &LoadAnythingButDxgi); }
+
 FakeGfxServer& SharedGfxServer() {
     static FakeGfxServer* server = new FakeGfxServer();
     return *server;
@@ -59,6 +71,8 @@ DWORD WINAPI FakeActiveScheme(HKEY, GUID** scheme) {
     return 0;
 }
 BOOL WINAPI FakePowerStatus(LPSYSTEM_POWER_STATUS status) {
+    ++g_power->statusCalls;
+    if (g_power->statusFailures-- > 0) return FALSE;
     *status = SYSTEM_POWER_STATUS{};
     status->ACLineStatus = g_power->acLine;
     status->BatteryFlag = g_power->batteryFlag;
@@ -66,7 +80,9 @@ BOOL WINAPI FakePowerStatus(LPSYSTEM_POWER_STATUS status) {
     return TRUE;
 }
 LONG WINAPI FakePowerInformation(POWER_INFORMATION_LEVEL level, PVOID, ULONG, PVOID out, ULONG outSize) {
+    ++g_power->batteryCalls;
     if (level != SystemBatteryState || outSize != sizeof(SYSTEM_BATTERY_STATE)) return 0xC000000D;
+    if (g_power->batteryFailures-- > 0) return 0xC0000001;
     std::memcpy(out, &g_power->battery, sizeof(SYSTEM_BATTERY_STATE));
     return 0;
 }

@@ -52,6 +52,10 @@ struct FakeGfxServer : IUnknown {
     uint8_t request[92] = {};
 };
 
+// Torvex.dll's LoadLibraryW finds no dxgi.dll (every other library loads for
+// real), so adapters come from the device tree alone.
+ImportPatch WithoutDxgi();
+
 // The process's one server object (the library keeps its pointer for good).
 FakeGfxServer& SharedGfxServer();
 
@@ -66,7 +70,9 @@ struct FakePower {
     BYTE acLine = 1;
     BYTE batteryFlag = 128;             // no battery unless set
     BYTE batteryPercent = 255;
+    int statusFailures = 0, statusCalls = 0;    // GetSystemPowerStatus fails that many times first
     SYSTEM_BATTERY_STATE battery{};     // answer of CallNtPowerInformation(SystemBatteryState)
+    int batteryFailures = 0, batteryCalls = 0;  // and that call too
     DWORD acValue = 70, dcValue = 30;   // brightness in the scheme
     DWORD written = 0;
     bool wroteAc = false, wroteDc = false;

@@ -1,5 +1,7 @@
 #include "support/fake_laptop.h"
 
+#include <gtest/gtest.h>
+
 #include <string>
 
 namespace torvex::test {
@@ -133,6 +135,12 @@ FakeLaptop::FakeLaptop()
         ++firmwareCalls;
         return firmwareAnswer;
     });
+}
+
+void FakeLaptop::ExpectNothingLeft() const {
+    EXPECT_EQ(wmi.LiveObjects(), 0) << "a WMI object was left referenced";
+    EXPECT_EQ(tree.OpenSets(), 0) << "a device-information set was left open";
+    EXPECT_EQ(wlan.outstanding, 0) << "a Native Wifi block was not freed";
 }
 
 }  // namespace torvex::test

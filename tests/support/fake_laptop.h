@@ -20,6 +20,8 @@ namespace torvex::test {
 class FakeLaptop {
 public:
     FakeLaptop();
+    // No WMI object referenced, device-information set open or Wlan block unfreed.
+    void ExpectNothingLeft() const;
 
     FakeWmi wmi;
     FakeDeviceTree tree;
