@@ -515,6 +515,9 @@ public:
     std::wstring SelectStrB(const std::wstring& query, const std::wstring& property);
     unsigned int SelectUInt(const std::wstring& query, const std::wstring& property);
     std::wstring SelectUIntArray(const std::wstring& className, const std::wstring& property);
+    /* Sum over all rows. When the "WQL" or the query string cannot be
+     * allocated it throws _com_error (comdef.h) carrying E_OUTOFMEMORY
+     * (0x8007000E) instead of returning. */
     unsigned int SelectUintForCpuCacheL1AndL2(const std::wstring& query, const std::wstring& property);
     bool SelectBool(const std::wstring& query, const std::wstring& property);
 

@@ -393,7 +393,8 @@ uint32_t DisplayIdentifier() {
     if (!EnumDisplaySettingsA(device.DeviceName, ENUM_CURRENT_SETTINGS, &mode)) return 0;
     IGfxServer* server = g_gfxServerRgb != nullptr ? g_gfxServerRgb : g_gfxServer;
     if (server == nullptr) return 0;
-    torvex::Bstr name = torvex::MakeBstr(StringProc::StringToWString(device.DeviceName).c_str());
+    const torvex::Bstr name = torvex::MakeBstr(StringProc::StringToWString(device.DeviceName).c_str());
+    if (!name) return 0;
     uint32_t id = 0;
     uint32_t status = 0;
     if (FAILED(server->DisplayIdFromName(name.get(), 0, &id, &status))) return 0;

@@ -2,6 +2,7 @@
 // and clock facts from WMI, an extended-CPUID probe, one OEM firmware value,
 // and the process-wide vendor classification.
 #include <windows.h>
+#include <comdef.h>
 
 #include <cpuid.h>
 
@@ -76,10 +77,16 @@ std::wstring RegistryThenWmi(const CodeInfo& info) {
     return wmi.SelectStr(info.query, info.property);
 }
 
+// 0 (no value) when the cache sum could not build its query strings: its
+// out-of-memory error ends here, never at the export.
 uint32_t WmiNumber(const CodeInfo& info) {
     HalWmi wmi(kCimv2);
-    return info.source == Source::CacheSum ? wmi.SelectUintForCpuCacheL1AndL2(info.query, info.property)
-                                           : wmi.SelectUInt(info.query, info.property);
+    if (info.source != Source::CacheSum) return wmi.SelectUInt(info.query, info.property);
+    try {
+        return wmi.SelectUintForCpuCacheL1AndL2(info.query, info.property);
+    } catch (const _com_error&) {
+        return 0;
+    }
 }
 
 // Only reports that extended leaf 0x80000008 exists. The comparison is signed

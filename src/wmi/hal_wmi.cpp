@@ -2,6 +2,7 @@
 // the namespace anew, runs one WQL query, reads one property per row and
 // releases everything before it returns.
 #include <windows.h>
+#include <comdef.h>
 #include <wbemidl.h>
 
 #include <cstring>
@@ -23,24 +24,24 @@ namespace {
 
 constexpr long kQueryFlags = WBEM_FLAG_FORWARD_ONLY | WBEM_FLAG_RETURN_IMMEDIATELY;  // 48
 constexpr wchar_t kSeparator[] = L";";
+constexpr wchar_t kLanguage[] = L"WQL";
 
 // Runs the query and hands each fetched row's value of the property to
 // onRow(hasValue, value). A failed Get and a VT_NULL value arrive with
-// hasValue false. onRow returns false to stop fetching.
+// hasValue false. onRow returns false to stop fetching. A string that could
+// not be allocated (null) stops the call before anything runs, so the
+// caller's default stands.
 template <typename OnRow>
-void ForEachRow(bool initialized, const std::wstring& nameSpace, const std::wstring& query,
-                const std::wstring& property, OnRow onRow) {
-    Bstr language = MakeBstr(L"WQL");
-    Bstr text = MakeBstr(query.c_str());
-    Bstr name = MakeBstr(property.c_str());
-    if (!initialized) return;
+void ForEachRow(bool initialized, const std::wstring& nameSpace, BSTR language, BSTR text, BSTR name,
+                OnRow onRow) {
+    if (!initialized || language == nullptr || text == nullptr || name == nullptr) return;
 
     ComPtr<IWbemLocator> locator;
     ComPtr<IWbemServices> services;
     if (!torvex::ConnectWmi(nameSpace, locator, services)) return;
 
     ComPtr<IEnumWbemClassObject> rows;
-    if (FAILED(services->ExecQuery(language.get(), text.get(), kQueryFlags, nullptr, rows.put())) || !rows) return;
+    if (FAILED(services->ExecQuery(language, text, kQueryFlags, nullptr, rows.put())) || !rows) return;
 
     for (;;) {
         ComPtr<IWbemClassObject> row;
@@ -48,10 +49,31 @@ void ForEachRow(bool initialized, const std::wstring& nameSpace, const std::wstr
         const HRESULT next = rows->Next(static_cast<long>(WBEM_INFINITE), 1, row.put(), &fetched);
         if (FAILED(next) || fetched == 0 || !row) break;
         Variant value;
-        const bool hasValue = SUCCEEDED(row->Get(name.get(), 0, value.get(), nullptr, nullptr)) &&
-                              value->vt != VT_NULL;
+        const bool hasValue = SUCCEEDED(row->Get(name, 0, value.get(), nullptr, nullptr)) && value->vt != VT_NULL;
         if (!onRow(hasValue, *value.get())) break;
     }
+}
+
+template <typename OnRow>
+void ForEachRow(bool initialized, const std::wstring& nameSpace, const std::wstring& query,
+                const std::wstring& property, OnRow onRow) {
+    const Bstr language = MakeBstr(kLanguage);
+    const Bstr text = MakeBstr(query.c_str());
+    const Bstr name = MakeBstr(property.c_str());
+    ForEachRow(initialized, nameSpace, language.get(), text.get(), name.get(), onRow);
+}
+
+// A string of SelectUintForCpuCacheL1AndL2's query. That member raises COM's
+// out-of-memory error when one cannot be allocated, as a _bstr_t would; its
+// C++ callers catch _com_error. The error is mingw-w64's header-only
+// _com_error (comdef.h, no support library to link), so a host built with the
+// same toolchain catches it by that name. _bstr_t itself is not used: in
+// mingw-w64's comutil.h its block allocation turns a failure into a null
+// pointer that the constructor then writes through.
+Bstr BstrOrRaise(const wchar_t* text) {
+    Bstr string = MakeBstr(text);
+    if (!string) throw _com_error(E_OUTOFMEMORY);
+    return string;
 }
 
 // The text of a value. Only a BSTR carries text; anything else reads as no text.
@@ -67,11 +89,12 @@ void Join(std::wstring& result, const std::wstring& piece) {
 namespace torvex {
 
 bool ConnectWmi(const std::wstring& nameSpace, ComPtr<IWbemLocator>& locator, ComPtr<IWbemServices>& services) {
+    const Bstr path = MakeBstr(nameSpace.c_str());
+    if (!path) return false;  // never connect with a null namespace
     if (FAILED(CoCreateInstance(CLSID_WbemLocator, nullptr, CLSCTX_INPROC_SERVER, IID_IWbemLocator,
                                 locator.put_void())) ||
         !locator)
         return false;
-    Bstr path = MakeBstr(nameSpace.c_str());
     if (FAILED(locator->ConnectServer(path.get(), nullptr, nullptr, nullptr, 0, nullptr, nullptr, services.put())) ||
         !services)
         return false;
@@ -196,8 +219,11 @@ std::wstring HalWmi::SelectUIntArray(const std::wstring& className, const std::w
 }
 
 unsigned int HalWmi::SelectUintForCpuCacheL1AndL2(const std::wstring& query, const std::wstring& property) {
+    const Bstr language = BstrOrRaise(kLanguage);
+    const Bstr text = BstrOrRaise(query.c_str());
+    const Bstr name = MakeBstr(property.c_str());
     unsigned int sum = 0;
-    ForEachRow(initialized, nameSpace, query, property, [&](bool hasValue, VARIANT& value) {
+    ForEachRow(initialized, nameSpace, language.get(), text.get(), name.get(), [&](bool hasValue, VARIANT& value) {
         if (hasValue) sum += value.ulVal;  // wraps at 32 bits
         return true;
     });

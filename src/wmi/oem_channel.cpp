@@ -70,6 +70,7 @@ bool FillInput(IWbemClassObject* input, const unsigned char* packet) {
         Variant number;
         number->vt = VT_BSTR;
         number->bstrVal = SysAllocString(std::to_wstring(word).c_str());
+        if (number->bstrVal == nullptr) return false;  // no command word, no call
         if (SUCCEEDED(input->Put(kNumberInput, 0, number.get(), CIM_UINT64))) return true;
     }
     torvex::SafeArray array(SafeArrayCreateVector(VT_UI1, 0, kPacketBytes));
@@ -87,7 +88,8 @@ bool FillInput(IWbemClassObject* input, const unsigned char* packet) {
 }
 
 bool CopyAnswer(IWbemClassObject* outputParams, unsigned char* output, unsigned int outputSize) {
-    Bstr name = MakeBstr(kOutput);
+    const Bstr name = MakeBstr(kOutput);
+    if (!name) return false;
     Variant answer;
     if (FAILED(outputParams->Get(name.get(), 0, answer.get(), nullptr, nullptr))) return false;
     if ((answer->vt & VT_ARRAY) == 0 || answer->parray == nullptr) return false;
@@ -108,9 +110,9 @@ bool HalWmi::GetOutPutUIntEx(unsigned char* input, unsigned int /*inputSize: alw
     FirmwareLock lock;
     if (input == nullptr || output == nullptr) return false;
 
-    Bstr className = MakeBstr(kMethodClass);
-    Bstr methodName = MakeBstr(kMethod);
-    if (!initialized) return false;
+    const Bstr className = MakeBstr(kMethodClass);
+    const Bstr methodName = MakeBstr(kMethod);
+    if (!initialized || !className || !methodName) return false;
 
     ComPtr<IWbemLocator> locator;
     ComPtr<IWbemServices> services;
@@ -126,7 +128,8 @@ bool HalWmi::GetOutPutUIntEx(unsigned char* input, unsigned int /*inputSize: alw
     if (!FillInput(inputParams.get(), input)) return false;
 
     std::wstring classText(kMethodClass);
-    Bstr objectPath = MakeBstr(GetObjectPath(classText.data()).c_str());
+    const Bstr objectPath = MakeBstr(GetObjectPath(classText.data()).c_str());
+    if (!objectPath) return false;
     ComPtr<IWbemClassObject> outputParams;
     if (FAILED(services->ExecMethod(objectPath.get(), methodName.get(), 0, nullptr, inputParams.get(),
                                     outputParams.put(), nullptr)) ||

@@ -147,6 +147,26 @@ TEST_F(CpuTest, L3AndL4SizesSumEveryCacheRow) {
     EXPECT_EQ(value, 12288u);
     ASSERT_EQ(CpuQueryInformation(HAL_CPU_L4_SIZE_KB, &value, 4, &written), 1u);
     EXPECT_EQ(value, 64u);
+
+    // The sum's out-of-memory error stops at the export: 0, nothing written.
+    torvex::test::BstrRefusal refusal;
+    const std::pair<int32_t, std::wstring> cases[] = {
+        {HAL_CPU_L3_SIZE_KB, L"WQL"},
+        {HAL_CPU_L3_SIZE_KB, L"SELECT InstalledSize FROM Win32_CacheMemory WHERE Level='3'"},
+        {HAL_CPU_L4_SIZE_KB, L"WQL"},
+        {HAL_CPU_L4_SIZE_KB, L"SELECT InstalledSize FROM Win32_CacheMemory WHERE Level='4'"}};
+    for (const auto& [code, refused] : cases) {
+        refusal.Refuse(refused);
+        const size_t queries = wmi.Queries().size();
+        value = 5;
+        written = 777;
+        EXPECT_EQ(HalQueryInformation(HAL_CLASS_CPU, nullptr, code, &value, 4, &written), 0u) << refused;
+        EXPECT_EQ(value, 5u);
+        EXPECT_EQ(written, 777u);
+        EXPECT_EQ(wmi.Queries().size(), queries);
+        EXPECT_EQ(wmi.LiveObjects(), 0);
+        EXPECT_EQ(refusal.LiveStrings(), 0u);
+    }
 }
 
 TEST_F(CpuTest, OemValueIsByteTwoOfTheFirmwareAnswer) {
@@ -197,7 +217,9 @@ TEST_F(CpuTest, CpuidProbeFollowsTheStoredVendorWhichCode18UpdatesEvenWhenItFail
     EXPECT_EQ(CpuQueryInformation(HAL_CPU_VENDOR_CLASS, &value, 3, &written), 0u) << "too small, yet detected";
     EXPECT_EQ(value, 7u);
     EXPECT_EQ(CpuQueryInformation(HAL_CPU_EXTENDED_CPUID, &value, 4, &written), HasExtendedLeaf() ? 1u : 0u);
-    if (HasExtendedLeaf()) EXPECT_EQ(value, 0u);
+    if (HasExtendedLeaf()) {
+        EXPECT_EQ(value, 0u);
+    }
 
     Name(L"Some Other CPU");
     EXPECT_EQ(CpuInit(), 1u);

@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <mutex>
+#include <set>
 
 namespace torvex::test {
 
@@ -76,6 +77,36 @@ bool Imports(const char* function, HMODULE module) {
     ForEachImportSlot(module, function, [&](void**) { found = true; });
     return found;
 }
+
+namespace {
+std::wstring g_refusedText;
+std::set<BSTR> g_liveStrings;
+
+BSTR WINAPI RefusingSysAllocString(const OLECHAR* text) {
+    if (text != nullptr && !g_refusedText.empty() && g_refusedText == text) return nullptr;
+    BSTR string = SysAllocString(text);
+    if (string != nullptr) g_liveStrings.insert(string);
+    return string;
+}
+
+void WINAPI CountingSysFreeString(BSTR string) {
+    g_liveStrings.erase(string);
+    SysFreeString(string);
+}
+}  // namespace
+
+BstrRefusal::BstrRefusal()
+    : allocate_(Redirect("SysAllocString", &RefusingSysAllocString)),
+      free_(Redirect("SysFreeString", &CountingSysFreeString)) {
+    g_refusedText.clear();
+    g_liveStrings.clear();
+}
+
+BstrRefusal::~BstrRefusal() { g_refusedText.clear(); }
+
+void BstrRefusal::Refuse(const std::wstring& text) { g_refusedText = text; }
+
+size_t BstrRefusal::LiveStrings() const { return g_liveStrings.size(); }
 
 namespace {
 std::mutex g_debugMutex;

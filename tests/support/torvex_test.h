@@ -53,6 +53,21 @@ ImportPatch Redirect(const char* function, Fn* replacement) {
 // True when Torvex.dll imports the function by that name.
 bool Imports(const char* function, HMODULE module = TorvexModule());
 
+// Makes Torvex.dll's SysAllocString fail for one exact text while it lives
+// (every other text is allocated as usual) and counts the strings the DLL
+// allocated meanwhile and has not passed to SysFreeString.
+class BstrRefusal {
+public:
+    BstrRefusal();
+    ~BstrRefusal();
+    void Refuse(const std::wstring& text);  // empty: refuse nothing
+    size_t LiveStrings() const;
+
+private:
+    ImportPatch allocate_;
+    ImportPatch free_;
+};
+
 // Collects what Torvex.dll sends to OutputDebugStringW while it lives.
 class DebugCapture {
 public:

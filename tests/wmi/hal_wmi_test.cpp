@@ -1,5 +1,6 @@
 // HalWmi's select calls against the scripted fake WMI and against Wine's own.
 #include <windows.h>
+#include <comdef.h>
 
 #include <gtest/gtest.h>
 
@@ -125,6 +126,32 @@ TEST_F(HalWmiTest, FailuresGiveDefaultsAndPartialJoinsStand) {
     EXPECT_EQ(query.SelectStr(kQuery, L"Thing"), L"");
     wmi.FailCreate();
     EXPECT_FALSE(query.SelectBool(kQuery, L"Thing"));
+}
+
+TEST_F(HalWmiTest, AStringThatCannotBeAllocatedRunsNoQuery) {
+    Rows({Thing(WmiValue::U32(7))});
+    torvex::test::BstrRefusal refusal;
+    HalWmi query(kCimv2);
+    // Only the cache sum raises, and only for its "WQL" and query strings.
+    const std::pair<std::wstring, HRESULT> cases[] = {
+        {L"WQL", E_OUTOFMEMORY}, {kQuery, E_OUTOFMEMORY}, {L"Thing", S_OK}, {kCimv2, S_OK}};
+    for (const auto& [refused, raised] : cases) {
+        refusal.Refuse(refused);
+        HRESULT error = S_OK;
+        try {
+            EXPECT_EQ(query.SelectUintForCpuCacheL1AndL2(kQuery, L"Thing"), 0u);
+        } catch (const _com_error& e) {
+            error = e.Error();
+        }
+        EXPECT_EQ(error, raised) << refused;
+        EXPECT_EQ(query.SelectUInt(kQuery, L"Thing"), 0xFFFFFFFFu) << refused;
+        EXPECT_TRUE(wmi.Connections().empty() && wmi.Queries().empty()) << refused;
+        EXPECT_EQ(wmi.LiveObjects(), 0) << refused;
+        EXPECT_EQ(refusal.LiveStrings(), 0u) << refused;
+    }
+    refusal.Refuse(L"");
+    EXPECT_EQ(query.SelectUintForCpuCacheL1AndL2(kQuery, L"Thing"), 7u);
+    EXPECT_EQ(refusal.LiveStrings(), 0u);
 }
 
 // COM pairing, counted at Torvex.dll's CoUninitialize import.

@@ -180,6 +180,24 @@ TEST_P(OemChannelTest, RefusalsLeaveTheOutputAndTheMutexAlone) {
     EXPECT_FALSE(wrongNamespace.GetOutPutUIntEx(packet, 64, output, 4)) << "the method class lives in ROOT\\WMI";
 }
 
+TEST_P(OemChannelTest, AStringThatCannotBeAllocatedFailsTheCall) {
+    torvex::test::BstrRefusal refusal;
+    HalWmi channel(kRootWmi);
+    // The answer's property name is the only string needed after the method ran.
+    const std::pair<const wchar_t*, size_t> cases[] = {
+        {L"ROOT\\WMI", 0}, {L"OemWMIMethod", 0}, {L"OemWMIfun", 0}, {L"3075", 0},
+        {L"OemWMIMethod.InstanceName='ACPI\\PNP0C14\\ZWMI_0'", 0}, {L"u8Output", 1}};
+    for (const auto& [refused, calls] : cases) {
+        refusal.Refuse(refused);
+        const size_t before = wmi.MethodCalls().size();
+        unsigned char output[4] = {9, 9, 9, 9};
+        EXPECT_FALSE(channel.GetOutPutUInt(0x0C03, output, 4)) << refused;
+        EXPECT_EQ(output[0], 9) << refused;
+        EXPECT_EQ(wmi.MethodCalls().size() - before, calls) << refused;
+        EXPECT_EQ(wmi.LiveObjects(), 0) << refused;
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(BothFirmwares, OemChannelTest,
                          ::testing::Values(FakeWmi::FirmwareInput::U64, FakeWmi::FirmwareInput::U8Array));
 
