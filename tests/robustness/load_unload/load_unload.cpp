@@ -52,6 +52,9 @@ Fn Export(HMODULE module, const char* name) {
 
 // Every query code of every class a report reads, on the first entry of the
 // record HalInit hands out; records are closed and freed as a host does.
+// Wine's own dxgi keeps 128 bytes per failed CreateDXGIFactory1 (HalInit(6)
+// on a machine without a GPU), with or without this library: 12.8 KB of the
+// growth over the cycles under Wine.
 bool Report(HMODULE module) {
     const auto init = Export<decltype(&HalInit)>(module, "HalInit");
     const auto query = Export<decltype(&HalQueryInformation)>(module, "HalQueryInformation");
