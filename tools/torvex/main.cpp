@@ -3,8 +3,11 @@
 #include <cstdlib>
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <map>
 #include <sstream>
+
+#include <nlohmann/json.hpp>
 
 #include "tool.h"
 
@@ -100,10 +103,11 @@ void Section::Number(const std::string& name, double value, const std::string& u
     facts.push_back(fact);
 }
 
-void Section::Missing(const std::string& name, const std::string& reason) {
+void Section::Missing(const std::string& name, const std::string& reason, const std::string& unit) {
     Fact fact;
     fact.name = name;
     fact.reason = reason;
+    fact.unit = unit;
     facts.push_back(fact);
 }
 
@@ -187,28 +191,6 @@ std::string FormatNumber(double value) {
     return out.str();
 }
 
-std::string JsonString(const std::string& text) {
-    std::string out = "\"";
-    for (unsigned char c : text) {
-        switch (c) {
-        case '"': out += "\\\""; break;
-        case '\\': out += "\\\\"; break;
-        case '\n': out += "\\n"; break;
-        case '\r': out += "\\r"; break;
-        case '\t': out += "\\t"; break;
-        default:
-            if (c < 0x20) {
-                char buffer[8];
-                std::snprintf(buffer, sizeof(buffer), "\\u%04x", c);
-                out += buffer;
-            } else {
-                out += static_cast<char>(c);
-            }
-        }
-    }
-    return out + "\"";
-}
-
 // JSON key of a fact: its name in lower case with blanks as underscores.
 std::string JsonKey(const std::string& name) {
     std::string key;
@@ -237,30 +219,59 @@ void RenderText(const Section& section, int depth) {
     if (depth == 0) PrintLine();
 }
 
-void RenderJson(const Section& section, int depth) {
-    const std::string pad(static_cast<size_t>(depth) * 2, ' ');
-    PrintLine("{");
-    std::vector<std::string> members;
-    members.push_back(pad + "  \"available\": " + (section.note.empty() ? "true" : "false"));
-    if (!section.note.empty()) members.push_back(pad + "  \"note\": " + JsonString(section.note));
+// The JSON key of a number names its unit, so that nobody has to guess MiB
+// or MB: the fact's key, then the suffix of its unit from this table. The
+// text report keeps writing the unit after the value.
+struct UnitSuffix {
+    const char* unit;
+    const char* suffix;
+};
+constexpr UnitSuffix kUnitSuffixes[] = {
+    {"%", "percent"}, {"KB", "kb"},   {"MB", "mb"},   {"MiB", "mib"}, {"GB", "gb"},   {"Hz", "hz"},
+    {"MHz", "mhz"},   {"mV", "mv"},   {"mW", "mw"},   {"mWh", "mwh"}, {"bits per pixel", "bpp"},
+};
+
+std::string FactKey(const Fact& fact) {
+    if (fact.unit.empty()) return JsonKey(fact.name);
+    std::string suffix = JsonKey(fact.unit);  // a unit missing from the table still shows
+    for (const UnitSuffix& entry : kUnitSuffixes)
+        if (fact.unit == entry.unit) suffix = entry.suffix;
+    // A remark in parentheses spells the unit out in words ("capacity (decimal)"
+    // in GB); the suffix says it instead.
+    return JsonKey(fact.name.substr(0, fact.name.find(" ("))) + "_" + suffix;
+}
+
+using Json = nlohmann::ordered_json;
+
+constexpr const char* kReportSchema = "torvex-report/2";
+
+// A fact without a value is null; why is said under the same key in the
+// object's "reasons", which is there only when some fact is null.
+Json SectionJson(const Section& section) {
+    Json out;
+    out["available"] = section.note.empty();
+    if (!section.note.empty()) out["note"] = section.note;
+    Json reasons = Json::object();
     for (const Fact& fact : section.facts) {
-        std::string value = fact.text ? JsonString(*fact.text) : fact.number ? FormatNumber(*fact.number) : "null";
-        members.push_back(pad + "  " + JsonString(JsonKey(fact.name)) + ": " + value);
-    }
-    for (size_t i = 0; i < members.size(); ++i) {
-        Print(members[i]);
-        PrintLine(i + 1 < members.size() || !section.children.empty() ? "," : "");
-    }
-    if (!section.children.empty()) {
-        PrintLine(pad + "  \"items\": [");
-        for (size_t i = 0; i < section.children.size(); ++i) {
-            Print(pad + "    ");
-            RenderJson(section.children[i], depth + 2);
-            PrintLine(i + 1 < section.children.size() ? "," : "");
+        const std::string key = FactKey(fact);
+        if (fact.text) {
+            out[key] = *fact.text;
+        } else if (fact.number && std::isfinite(*fact.number)) {
+            const double value = *fact.number;
+            // Whole numbers print as integers: 16384, not 16384.0.
+            if (std::floor(value) == value && std::fabs(value) < 1e18) out[key] = static_cast<std::int64_t>(value);
+            else out[key] = value;
+        } else {
+            out[key] = nullptr;
+            reasons[key] = fact.number ? "the library answered a value that is not a finite number" : fact.reason;
         }
-        PrintLine(pad + "  ]");
     }
-    Print(pad + "}");
+    if (!reasons.empty()) out["reasons"] = std::move(reasons);
+    if (!section.children.empty()) {
+        Json& items = out["items"] = Json::array();
+        for (const Section& child : section.children) items.push_back(SectionJson(child));
+    }
+    return out;
 }
 
 int RunReport(const std::vector<std::wstring>& args) {
@@ -281,14 +292,12 @@ int RunReport(const std::vector<std::wstring>& args) {
         sections.push_back(std::move(section));
     }
     if (json) {
-        PrintLine("{");
-        PrintLine("  \"schema\": \"torvex-report/1\",");
-        for (size_t i = 0; i < sections.size(); ++i) {
-            Print("  " + JsonString(sections[i].key) + ": ");
-            RenderJson(sections[i], 1);
-            PrintLine(i + 1 < sections.size() ? "," : "");
-        }
-        PrintLine("}");
+        Json report;
+        report["schema"] = kReportSchema;
+        for (const Section& section : sections) report[section.key] = SectionJson(section);
+        // Text from the machine is not always valid UTF-8 (a narrow answer is
+        // passed on as it came): such bytes become U+FFFD instead of an exception.
+        PrintLine(report.dump(2, ' ', false, Json::error_handler_t::replace));
     } else {
         for (const auto& section : sections) RenderText(section, 0);
     }

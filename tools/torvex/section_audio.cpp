@@ -66,7 +66,7 @@ void Fill(Section& section) {
     if (Library().HalQueryInformation(HAL_CLASS_AUDIO, nullptr, 3, &value, sizeof(value), &written))
         section.Number("speaker volume", value, "%");
     else
-        section.Missing("speaker volume", "no endpoint volume interface held");
+        section.Missing("speaker volume", "no endpoint volume interface held", "%");
     section.children = std::move(codecs);
 }
 

@@ -34,12 +34,12 @@ void Fill(Section& section) {
         if (api.HalQueryInformation(HAL_CLASS_BATTERY, nullptr, n.code, &value, 4, &written))
             section.Number(n.name, value, n.unit);
         else
-            section.Missing(n.name, present ? "not reported in this state" : "no battery");
+            section.Missing(n.name, present ? "not reported in this state" : "no battery", n.unit);
     }
     if (api.HalQueryInformation(HAL_CLASS_BATTERY, nullptr, HAL_BT_WEAR_CENTIPERCENT, &value, 4, &written))
         section.Number("wear", value / 100.0, "%");
     else
-        section.Missing("wear", present ? "not reported" : "no battery");
+        section.Missing("wear", present ? "not reported" : "no battery", "%");
     if (api.HalQueryInformation(HAL_CLASS_BATTERY, nullptr, HAL_BT_AC_LINE_STATUS, &value, 4, &written))
         section.Text("AC power", value == 1 ? "online" : value == 0 ? "offline" : "unknown");
     float reading = 0;

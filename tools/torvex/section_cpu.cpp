@@ -57,7 +57,8 @@ void Fill(Section& section) {
         if (api.HalQueryInformation(HAL_CLASS_CPU, nullptr, n.code, &value, sizeof(value), &written))
             section.Number(n.name, value, n.unit);
         else
-            section.Missing(n.name, n.code == HAL_CPU_OEM_VALUE ? "no OEM firmware method" : "not reported, or 0");
+            section.Missing(n.name, n.code == HAL_CPU_OEM_VALUE ? "no OEM firmware method" : "not reported, or 0",
+                            n.unit);
     }
     uint32_t vendor = 0;
     uint32_t written = 0;

@@ -37,7 +37,7 @@ void DescribeDisk(const Api& api, HalDiskRecord* disk, Section& item) {
         if (api.HalQueryInformation(HAL_CLASS_DISK, disk, n.code, &value, sizeof(value), &written))
             item.Number(n.name, static_cast<double>(value), n.unit);
         else
-            item.Missing(n.name, open ? "the drive did not answer" : "the drive could not be opened");
+            item.Missing(n.name, open ? "the drive did not answer" : "the drive could not be opened", n.unit);
     }
     uint32_t trim = 0, ssd = 0, written = 0;
     if (api.HalQueryInformation(HAL_CLASS_DISK, disk, HAL_DISK_TRIM_ENABLED, &trim, 4, &written))

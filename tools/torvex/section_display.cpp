@@ -35,7 +35,7 @@ void Fill(Section& section) {
     if (api.HalQueryInformation(HAL_CLASS_DISPLAY, backend.pair(), HAL_DISPLAY_BRIGHTNESS, &range, sizeof(range), &written))
         section.Number("brightness", range.current, "%");
     else
-        section.Missing("brightness", "no display back end on this machine");
+        section.Missing("brightness", "no display back end on this machine", "%");
     FreeRecord(backend.context);
 }
 

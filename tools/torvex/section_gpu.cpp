@@ -60,7 +60,7 @@ void Fill(Section& section) {
                                     std::tuple{HAL_GPU_COLOR_DEPTH_BPP, "colour depth", "bits per pixel"}}) {
         uint32_t value = 0;
         if (api.HalQueryInformation(HAL_CLASS_GPU, list, code, &value, 4, &written)) section.Number(name, value, unit);
-        else section.Missing(name, "not reported");
+        else section.Missing(name, "not reported", unit);
     }
     FreeRecord(raw);
 }

@@ -50,13 +50,13 @@ void Fill(Section& section) {
             module.Number("size", static_cast<double>(mib), "MiB");
             totalMib += mib;
         } else {
-            module.Missing("size", "no capacity reported");
+            module.Missing("size", "no capacity reported", "MiB");
         }
         uint32_t mhz = 0;
         if (api.HalQueryInformation(HAL_CLASS_MEMORY, entry, HAL_MM_CLOCK_MHZ, &mhz, sizeof(mhz), &written))
             module.Number("clock", mhz, "MHz");
         else
-            module.Missing("clock", "no configured clock speed reported");
+            module.Missing("clock", "no configured clock speed reported", "MHz");
         section.children.push_back(std::move(module));
     }
     section.Number("total size", static_cast<double>(totalMib), "MiB");

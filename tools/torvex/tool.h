@@ -40,7 +40,7 @@ struct Fact {
     std::string name;
     std::optional<std::string> text;   // text value
     std::optional<double> number;      // numeric value
-    std::string unit;                  // printed after a number in text form
+    std::string unit;                  // after a number in text form; the suffix of its JSON key
     std::string reason;                // why the fact is not available
 };
 
@@ -53,7 +53,8 @@ struct Section {
 
     void Text(const std::string& name, const std::string& value);
     void Number(const std::string& name, double value, const std::string& unit = "");
-    void Missing(const std::string& name, const std::string& reason);
+    // A number that is missing names its unit too: its JSON key is the same either way.
+    void Missing(const std::string& name, const std::string& reason, const std::string& unit = "");
 };
 
 // A report section provider, registered by the file that implements it.
