@@ -81,6 +81,7 @@ const Api& Library() {
         Resolve(loaded.module, "HalSetInformation", loaded.HalSetInformation);
         Resolve(loaded.module, "HalControl", loaded.HalControl);
         Resolve(loaded.module, "HalSetCallback", loaded.HalSetCallback);
+        TraceCalls(loaded);
         return loaded;
     }();
     return api;
@@ -103,10 +104,13 @@ void Section::Number(const std::string& name, double value, const std::string& u
     facts.push_back(fact);
 }
 
+// The reason is what the library's last call saw fail on the machine; the
+// section's own explanation stands only when no system call failed.
 void Section::Missing(const std::string& name, const std::string& reason, const std::string& unit) {
     Fact fact;
     fact.name = name;
-    fact.reason = reason;
+    const std::string why = Why();
+    fact.reason = why.empty() ? reason : why;
     fact.unit = unit;
     facts.push_back(fact);
 }
@@ -288,6 +292,7 @@ int RunReport(const std::vector<std::wstring>& args) {
         Section section;
         section.key = provider.key;
         section.title = provider.title;
+        RunTrace().Scope(provider.title);
         provider.fill(section);
         sections.push_back(std::move(section));
     }
@@ -354,7 +359,11 @@ int Run(std::vector<std::wstring> args) {
     }
     args.erase(args.begin());
     if (!args.empty() && (args[0] == L"--help" || args[0] == L"-h")) return Commands().at("help").run({Wide(name)});
-    return it->second.run(args);
+    // Commands that need no machine beneath the library: help, and the two
+    // that set one up for the command they run.
+    const bool machine = name != "help" && name != "replay" && name != "trace";
+    if (machine) RunTrace().Scope(name);
+    return RunOnMachine(it->second.run, args, machine);
 }
 
 }  // namespace tool

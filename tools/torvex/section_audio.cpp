@@ -17,7 +17,7 @@ bool CodecSections(std::vector<Section>& codecs, std::string& note) {
     const Api& api = Library();
     void* raw = nullptr;
     if (api.HalInit(HAL_CLASS_AUDIO, &raw) == 0) {
-        note = "not available: HalInit(5) answered 0 (no Realtek or Conexant codec in the media class)";
+        note = Refused(HAL_CLASS_AUDIO, "no Realtek or Conexant codec in the media class");
         return false;
     }
     auto* bytes = static_cast<uint8_t*>(raw);

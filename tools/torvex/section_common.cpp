@@ -5,11 +5,16 @@ namespace tool {
 void InitOnlySection(Section& section, HalDeviceType type) {
     void* record = nullptr;
     if (Library().HalInit(type, &record) == 0) {
-        section.note = "not available: HalInit(" + std::to_string(type) + ") answered 0";
+        section.note = Refused(type);
         return;
     }
     section.Text("initialised", "yes");
     FreeRecord(record);
+}
+
+std::string Refused(HalDeviceType type, const std::string& otherwise, const char* lead) {
+    const std::string why = Why();
+    return std::string(lead) + ": HalInit(" + std::to_string(type) + ") answered 0 (" + (why.empty() ? otherwise : why) + ")";
 }
 
 }  // namespace tool

@@ -16,7 +16,7 @@ const char* VendorName(uint32_t vendor) {
 void Fill(Section& section) {
     const Api& api = Library();
     if (api.HalInit(HAL_CLASS_CPU, nullptr) == 0) {
-        section.note = "not available: HalInit(0) answered 0";
+        section.note = Refused(HAL_CLASS_CPU);
         return;
     }
     struct TextCode {

@@ -53,7 +53,7 @@ void Fill(Section& section) {
     const Api& api = Library();
     void* raw = nullptr;
     if (api.HalInit(HAL_CLASS_DISK, &raw) == 0) {
-        section.note = "not available: HalInit(7) answered 0 (WMI lists no Win32_DiskDrive names)";
+        section.note = Refused(HAL_CLASS_DISK, "no drive listed");
         return;
     }
     auto* list = static_cast<HalDiskList*>(raw);

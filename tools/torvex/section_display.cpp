@@ -26,7 +26,7 @@ void Fill(Section& section) {
     const Api& api = Library();
     DisplayBackend backend = OpenBackend();
     if (!backend.ready) {
-        section.note = "not available: HalInit(19) answered 0";
+        section.note = Refused(HAL_CLASS_DISPLAY, "no display back end");
         return;
     }
     section.Text("back end", backend.context != nullptr ? "AMD Display Library" : "none found, or a driver back end");

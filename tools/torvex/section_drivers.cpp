@@ -10,7 +10,7 @@ void Fill(Section& section) {
     const Api& api = Library();
     void* raw = nullptr;
     if (api.HalInit(HAL_CLASS_DRIVER, &raw) == 0) {
-        section.note = "none reported: HalInit(20) answered 0 (no device with a problem, or WMI refused the query)";
+        section.note = Refused(HAL_CLASS_DRIVER, "no device with a problem", "none reported");
         return;
     }
     auto* bytes = static_cast<uint8_t*>(raw);

@@ -6,8 +6,7 @@ namespace {
 
 void Fill(Section& section) {
     if (Library().HalInit(HAL_CLASS_ENCLAVE, nullptr) == 0) {
-        section.note = "not available: HalInit(17) answered 0 (the processor does not qualify, or Vaultrun.dll "
-                       "is not beside the host)";
+        section.note = Refused(HAL_CLASS_ENCLAVE, "the processor does not qualify");
         return;
     }
     section.Text("service", "loaded");

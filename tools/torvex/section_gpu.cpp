@@ -10,7 +10,7 @@ void Fill(Section& section) {
     const Api& api = Library();
     void* raw = nullptr;
     if (api.HalInit(HAL_CLASS_GPU, &raw) == 0) {
-        section.note = "not available: HalInit(6) answered 0";
+        section.note = Refused(HAL_CLASS_GPU);
         return;
     }
     // Without adapters there is no list; the screen facts still answer on an empty one.

@@ -27,7 +27,7 @@ void Fill(Section& section) {
     const Api& api = Library();
     void* raw = nullptr;
     if (api.HalInit(HAL_CLASS_MEMORY, &raw) == 0) {
-        section.note = "not available: HalInit(13) answered 0 (no module in Win32_PhysicalMemory)";
+        section.note = Refused(HAL_CLASS_MEMORY, "no module listed");
         return;
     }
     auto* list = static_cast<HalMemoryModuleList*>(raw);

@@ -16,7 +16,7 @@ void Fill(Section& section) {
     const Api& api = Library();
     void* raw = nullptr;
     if (api.HalInit(HAL_CLASS_WIFI, &raw) == 0) {
-        section.note = "not available: HalInit(1) answered 0 (no Native Wifi service)";
+        section.note = Refused(HAL_CLASS_WIFI);
         return;
     }
     auto* record = static_cast<HalWifiRecord*>(raw);

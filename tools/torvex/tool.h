@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "machine.h"
 #include "torvex.h"
 
 namespace tool {
@@ -74,6 +75,25 @@ struct CommandRegistration {
 // Runs one command line (without the program name); returns the exit status.
 int Run(std::vector<std::wstring> args);
 
+// The machine beneath the library while a command runs: the live machine, or
+// a profile under `torvex replay`. Every call the library makes goes to the
+// run's trace, so that a missing answer can say why.
+torvex::sim::Trace& RunTrace();
+// Why the last library call answered nothing: its most telling operating
+// system call and outcome; "" when it asked the system nothing.
+std::string Why();
+// Makes the library's calls go through the trace (the exports as resolved).
+void TraceCalls(Api& api);
+// Runs a command with the machine installed (unless one already is).
+int RunOnMachine(CommandFn run, const std::vector<std::wstring>& args, bool machine);
+// From now on every answer is kept in `profile` as well (torvex capture);
+// false when the library runs beneath a machine the tool did not install.
+bool RecordInto(torvex::sim::Profile* profile);
+// Notes which vendor libraries and servers exist, into the recording.
+void RecordVendorPresence();
+// The profile being replayed, or null.
+torvex::sim::Profile* ReplayedProfile();
+
 constexpr int kExitOk = 0;
 constexpr int kExitUsage = 1;
 constexpr int kExitRefused = 2;
@@ -102,5 +122,10 @@ namespace tool {
 // For a class whose report shows only whether it initialises: HalInit(type)
 // and a note when it answers 0. Frees a record it was given.
 void InitOnlySection(Section& section, HalDeviceType type);
+
+// "not available: HalInit(N) answered 0 (why)": why from the failed system
+// call the trace saw, else `otherwise`.
+std::string Refused(HalDeviceType type, const std::string& otherwise = "no system call failed",
+                    const char* lead = "not available");
 
 }  // namespace tool

@@ -1,0 +1,49 @@
+// A machine beneath a loaded Torvex.dll: every operating-system call the
+// library makes is answered from a profile (replay) or passed to the real
+// system (live), optionally kept in a profile (record) and written to a
+// trace. One scoped object: the constructor patches the library's imports,
+// the destructor restores every one of them.
+//
+//   Profile profile = Profile::Load(L"laptop.json");
+//   Machine machine(dll, {.replay = &profile});          // replay
+//   Profile captured;
+//   Machine machine(dll, {.record = &captured});          // live, recorded
+#pragma once
+
+#include <windows.h>
+
+#include <memory>
+
+#include "profile.h"
+#include "trace.h"
+
+namespace torvex::sim {
+
+struct MachineOptions {
+    Profile* replay = nullptr;  // answers come from here; null: from the live machine
+    Profile* record = nullptr;  // every answer is kept here as well
+    Trace* trace = nullptr;     // every call is written here
+};
+
+class Machine {
+public:
+    // One machine at a time per process; throws std::logic_error for a second.
+    Machine(HMODULE library, MachineOptions options);
+    ~Machine();
+    Machine(const Machine&) = delete;
+    Machine& operator=(const Machine&) = delete;
+
+    // True while a machine is installed in this process.
+    static bool Installed();
+
+    // Notes in the recording which vendor libraries and servers exist: probed
+    // on the live machine, copied from the profile under replay.
+    void RecordVendorPresence();
+
+    struct State;
+
+private:
+    std::unique_ptr<State> state_;
+};
+
+}  // namespace torvex::sim

@@ -1,0 +1,80 @@
+// A machine profile ("torvex-machine/1"): every answer the operating system
+// gave Torvex.dll on one machine, keyed by the call as the library makes it.
+// The document is plain JSON; docs/machine-profile.md describes it.
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+#include <stdexcept>
+#include <string>
+
+namespace torvex::sim {
+
+// Sorted keys: a profile written twice from the same answers is the same file.
+using Json = nlohmann::json;
+
+constexpr char kProfileSchema[] = "torvex-machine/1";
+
+// A profile that cannot be used. The message is one line naming the file,
+// the place (line and column, or the JSON pointer) and what was expected.
+class ProfileError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+class Profile {
+public:
+    Profile();  // answers nothing: every source is absent
+
+    // Checks the whole document before anything uses it; throws ProfileError.
+    static Profile Parse(const std::string& text, const std::string& name = "profile");
+    static Profile Load(const std::wstring& path);
+
+    // Sorted keys, two-space indent, a final newline.
+    std::string Dump() const;
+    void Save(const std::wstring& path) const;  // throws ProfileError when it cannot write
+
+    Json& doc() { return doc_; }
+    const Json& doc() const { return doc_; }
+
+private:
+    Json doc_;
+};
+
+// Replaces serial numbers, unique identifiers and the unique parts of device
+// instance IDs with stable placeholders (the same input gives the same
+// placeholder), keeping the profile consistent and replayable.
+void Redact(Profile& profile);
+
+// A place in a profile, as a JSON pointer, for messages.
+class At {
+public:
+    At() = default;
+    At operator/(const std::string& key) const;
+    At operator/(size_t index) const;
+    const std::string& pointer() const { return pointer_; }
+
+private:
+    std::string pointer_;
+};
+
+// Validation helpers for the sources: each throws ProfileError("POINTER:
+// expected WHAT") when the value does not fit.
+[[noreturn]] void Expected(const At& at, const std::string& what);
+void ExpectObject(const Json& value, const At& at);
+void ExpectArray(const Json& value, const At& at);
+void ExpectString(const Json& value, const At& at);
+void ExpectBool(const Json& value, const At& at);
+// An integer within [low, high].
+void ExpectInteger(const Json& value, const At& at, long long low, long long high);
+void ExpectUnsigned(const Json& value, const At& at, unsigned long long high = UINT64_MAX);
+// Text of hexadecimal byte pairs ("00a1ff"); at most `maxBytes` bytes.
+void ExpectHex(const Json& value, const At& at, size_t maxBytes = SIZE_MAX);
+// "{XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX}"
+void ExpectGuid(const Json& value, const At& at);
+// "0x" and eight hexadecimal digits (an HRESULT).
+void ExpectHresult(const Json& value, const At& at);
+// Every member of an object is one of `allowed`.
+void ExpectOnly(const Json& object, const At& at, std::initializer_list<const char*> allowed);
+
+}  // namespace torvex::sim

@@ -1,0 +1,107 @@
+// `torvex capture FILE [--redact]`: every query of every class and device,
+// with the machine's answers kept in a profile. Nothing is set: capturing
+// changes nothing on the machine.
+#include <cstring>
+
+#include "tool.h"
+
+namespace tool {
+namespace {
+
+// The last information code of each class; every code up to it is asked.
+struct ClassCodes {
+    HalDeviceType type;
+    uint32_t last;
+};
+constexpr ClassCodes kClasses[] = {{HAL_CLASS_CPU, 18},    {HAL_CLASS_WIFI, 0},    {HAL_CLASS_MAINBOARD, 6},
+                                   {HAL_CLASS_AUDIO, 7},   {HAL_CLASS_GPU, 29},    {HAL_CLASS_DISK, 11},
+                                   {HAL_CLASS_BATTERY, 12}, {HAL_CLASS_MEMORY, 6}, {HAL_CLASS_DISPLAY, 6},
+                                   {HAL_CLASS_DRIVER, 6},  {HAL_CLASS_ENCLAVE, 1}};
+
+void AskEveryCode(const Api& api, HalDeviceType type, uint32_t last, void* device) {
+    for (uint32_t code = 0; code <= last; ++code) {
+        uint64_t buffer[512] = {};
+        uint32_t written = 0;
+        api.HalQueryInformation(type, device, code, buffer, sizeof(buffer), &written);
+    }
+}
+
+// The devices of a class's record: where each entry starts, and how many.
+std::vector<void*> Devices(HalDeviceType type, void* record) {
+    std::vector<void*> devices;
+    if (record == nullptr) return devices;
+    auto* bytes = static_cast<uint8_t*>(record);
+    HalListHeader header{};
+    std::memcpy(&header, bytes, sizeof(header));
+    size_t stride = 0;
+    switch (type) {
+    case HAL_CLASS_AUDIO: case HAL_CLASS_DISK: case HAL_CLASS_MEMORY: stride = 16; break;
+    case HAL_CLASS_DRIVER: stride = 520; break;
+    default: return {record};  // the record itself is the device
+    }
+    for (uint32_t i = 0; i < header.count; ++i) devices.push_back(bytes + sizeof(header) + stride * i);
+    return devices;
+}
+
+void AskEverything() {
+    const Api& api = Library();
+    for (const ClassCodes& entry : kClasses) {
+        RunTrace().Scope("class " + std::to_string(entry.type));
+        void* record = nullptr;
+        const bool ready = api.HalInit(entry.type, &record) != 0;
+        if (entry.type == HAL_CLASS_CPU || entry.type == HAL_CLASS_MAINBOARD || entry.type == HAL_CLASS_BATTERY) {
+            AskEveryCode(api, entry.type, entry.last, nullptr);
+            continue;
+        }
+        if (!ready) continue;
+        if (entry.type == HAL_CLASS_GPU && record == nullptr) {
+            HalListHeader empty{sizeof(HalListHeader), 0};  // the screen facts answer on an empty list
+            AskEveryCode(api, entry.type, entry.last, &empty);
+        }
+        for (void* device : Devices(entry.type, record)) {
+            if (entry.type == HAL_CLASS_DISK) api.HalOpenDevice(entry.type, device);
+            AskEveryCode(api, entry.type, entry.last, device);
+            if (entry.type == HAL_CLASS_DISK) api.HalCloseDevice(entry.type, device);
+        }
+        if (entry.type == HAL_CLASS_DISPLAY)
+            AskEveryCode(api, entry.type, entry.last, record != nullptr ? &static_cast<DisplayColorContext*>(record)->adapterIndex : nullptr);
+        if (entry.type == HAL_CLASS_WIFI || entry.type == HAL_CLASS_AUDIO) api.HalCloseDevice(entry.type, record);
+        FreeRecord(record);
+    }
+}
+
+int RunCapture(const std::vector<std::wstring>& args) {
+    std::wstring file;
+    bool redact = false;
+    for (const auto& arg : args) {
+        if (arg == L"--redact") redact = true;
+        else if (file.empty() && !arg.empty() && arg[0] != L'-') file = arg;
+        else return UsageError("capture", "unexpected argument " + Utf8(arg));
+    }
+    if (file.empty()) return UsageError("capture", "expected the profile file to write");
+    torvex::sim::Profile profile;
+    if (!RecordInto(&profile)) {
+        PrintError("torvex capture: the library runs beneath another machine; nothing can be recorded");
+        return kExitRefused;
+    }
+    AskEverything();
+    RecordVendorPresence();
+    RecordInto(nullptr);
+    if (redact) torvex::sim::Redact(profile);
+    profile.doc()["machine"] = {{"captured_by", "torvex " TORVEX_VERSION_TEXT}, {"redacted", redact}};
+    try {
+        profile.Save(file);
+    } catch (const torvex::sim::ProfileError& e) {
+        PrintError(std::string("torvex capture: ") + e.what());
+        return kExitUsage;
+    }
+    PrintLine("captured " + std::string(redact ? "and redacted " : "") + "this machine's answers into " + Utf8(file));
+    return kExitOk;
+}
+
+const CommandRegistration kCapture("capture", "capture FILE [--redact]",
+                                   "record every answer the machine gives the library into a profile (changes nothing)",
+                                   "torvex capture laptop.json --redact", RunCapture);
+
+}  // namespace
+}  // namespace tool
