@@ -400,12 +400,14 @@ BOOL WINAPI HookEnumDeviceInfo(HDEVINFO set, DWORD index, PSP_DEVINFO_DATA data)
     return TRUE;
 }
 
+std::string Room(DWORD size) { return "room " + std::to_string(size) + " bytes"; }
+
 // Answers a property read from its value, with the caller's room.
 BOOL AnswerProperty(const Json& value, const std::string& call, DEVPROPTYPE* type, PBYTE buffer, DWORD size,
                     PDWORD required) {
     if (value.is_null() || value.contains("error")) {
         const DWORD error = value.is_null() ? ERROR_NOT_FOUND : value["error"].get<DWORD>();
-        Note("setupapi", call, value.is_null() ? "missing" : "error " + std::to_string(error), true);
+        Note("setupapi", call, value.is_null() ? "missing" : "error " + std::to_string(error), true, Room(size));
         SetLastError(error);
         return FALSE;
     }
@@ -415,13 +417,12 @@ BOOL AnswerProperty(const Json& value, const std::string& call, DEVPROPTYPE* typ
     if (type != nullptr) *type = kind;
     if (required != nullptr) *required = static_cast<DWORD>(bytes.size());
     if (buffer == nullptr || size < bytes.size()) {
-        Note("setupapi", call, std::to_string(bytes.size()) + " bytes, more than the " + std::to_string(size) +
-                                   " bytes of room", buffer != nullptr);
+        Note("setupapi", call, std::to_string(bytes.size()) + " bytes, more than the room", buffer != nullptr, Room(size));
         SetLastError(ERROR_INSUFFICIENT_BUFFER);
         return FALSE;
     }
     if (!bytes.empty()) std::memcpy(buffer, bytes.data(), bytes.size());
-    Note("setupapi", call, value.dump(), false);
+    Note("setupapi", call, value.dump(), false, Room(size));
     return TRUE;
 }
 
@@ -448,7 +449,7 @@ BOOL WINAPI HookGetProperty(HDEVINFO set, PSP_DEVINFO_DATA data, const DEVPROPKE
     } else {
         const Json* found = Replayed({"devices", "nodes", id, "properties", name});
         if (found == nullptr) {
-            Note("setupapi", call, "not in the profile", true);
+            Note("setupapi", call, "not in the profile", true, Room(size));
             SetLastError(ERROR_NOT_FOUND);
             return FALSE;
         }

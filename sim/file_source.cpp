@@ -234,7 +234,7 @@ void Validate(const Json& files, const At& at) {
 
 // ---------------------------------------------------------------- hooks
 
-HANDLE Open(const std::string& path, const std::function<HANDLE()>& real) {
+HANDLE Open(const std::string& path, const std::string& detail, const std::function<HANDLE()>& real) {
     Lock lock(Active().mutex);
     Json answer;
     HANDLE handle = INVALID_HANDLE_VALUE;
@@ -245,30 +245,35 @@ HANDLE Open(const std::string& path, const std::function<HANDLE()>& real) {
         answer = *found;
         if (answer == true) handle = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     } else {
-        Note("file", "open " + path, "not in the profile", true);
+        Note("file", "open " + path, "not in the profile", true, detail);
         SetLastError(ERROR_FILE_NOT_FOUND);
         return INVALID_HANDLE_VALUE;
     }
     Keep({"files", "paths", path, "open"}, answer);
     if (handle == INVALID_HANDLE_VALUE || handle == nullptr) {
         const DWORD error = answer.is_object() ? answer["error"].get<DWORD>() : ERROR_FILE_NOT_FOUND;
-        Note("file", "open " + path, "error " + std::to_string(error), true);
+        Note("file", "open " + path, "error " + std::to_string(error), true, detail);
         SetLastError(error);
         return INVALID_HANDLE_VALUE;
     }
     g_handles[handle] = path;
-    Note("file", "open " + path, "opened", false);
+    Note("file", "open " + path, "opened", false, detail);
     return handle;
+}
+
+std::string OpenDetail(DWORD access, DWORD share, DWORD disposition, DWORD flags) {
+    return "access " + HexNumber(access) + ", share " + HexNumber(share) + ", disposition " + std::to_string(disposition) +
+           ", flags " + HexNumber(flags);
 }
 
 HANDLE WINAPI HookCreateW(LPCWSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security, DWORD disposition,
                           DWORD flags, HANDLE templateFile) {
-    return Open(Utf8(name), [&] { return g_createW(name, access, share, security, disposition, flags, templateFile); });
+    return Open(Utf8(name), OpenDetail(access, share, disposition, flags), [&] { return g_createW(name, access, share, security, disposition, flags, templateFile); });
 }
 
 HANDLE WINAPI HookCreateA(LPCSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security, DWORD disposition,
                           DWORD flags, HANDLE templateFile) {
-    return Open(name != nullptr ? name : "", [&] { return g_createA(name, access, share, security, disposition, flags, templateFile); });
+    return Open(name != nullptr ? name : "", OpenDetail(access, share, disposition, flags), [&] { return g_createA(name, access, share, security, disposition, flags, templateFile); });
 }
 
 BOOL WINAPI HookIoctl(HANDLE handle, DWORD code, LPVOID in, DWORD inSize, LPVOID out, DWORD outSize, LPDWORD returned,
@@ -282,6 +287,7 @@ BOOL WINAPI HookIoctl(HANDLE handle, DWORD code, LPVOID in, DWORD inSize, LPVOID
     const std::string key = AnswerKey(code, input);
     const int level = LevelOf(code, input);
     const std::string call = path + " " + key;
+    const std::string detail = "out " + std::to_string(outSize) + " bytes" + (returned == nullptr ? ", no count" : "");
     Json answer;
     if (Active().live()) {
         DWORD count = 0;
@@ -294,26 +300,26 @@ BOOL WINAPI HookIoctl(HANDLE handle, DWORD code, LPVOID in, DWORD inSize, LPVOID
     } else if (const Json* found = Replayed({"files", "paths", path, "ioctls", key})) {
         answer = *found;
     } else {
-        Note("ioctl", call, "not in the profile", true);
+        Note("ioctl", call, "not in the profile", true, detail);
         SetLastError(ERROR_NOT_SUPPORTED);
         return FALSE;
     }
     Keep({"files", "paths", path, "ioctls", key}, answer);
     if (answer.contains("error")) {
-        Note("ioctl", call, "error " + answer["error"].dump(), true);
+        Note("ioctl", call, "error " + answer["error"].dump(), true, detail);
         SetLastError(answer["error"].get<DWORD>());
         return FALSE;
     }
     const std::vector<uint8_t> bytes = DecodeOutput(code, level, answer);
     const size_t count = answer.contains("returned") ? answer["returned"].get<size_t>() : bytes.size();
     if (count > outSize || (count > 0 && out == nullptr)) {
-        Note("ioctl", call, std::to_string(count) + " bytes, more than the " + std::to_string(outSize) + " bytes of room", true);
+        Note("ioctl", call, std::to_string(count) + " bytes, more than the room", true, detail);
         SetLastError(ERROR_INSUFFICIENT_BUFFER);
         return FALSE;
     }
     if (count > 0) std::memcpy(out, bytes.data(), count);
     if (returned != nullptr) *returned = static_cast<DWORD>(count);
-    Note("ioctl", call, answer.dump(), false);
+    Note("ioctl", call, answer.dump(), false, detail);
     return TRUE;
 }
 

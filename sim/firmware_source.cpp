@@ -105,13 +105,16 @@ public:
         const std::string parameter = Utf8(name);
         if (real_ != nullptr) {
             const HRESULT hr = real_->Put(name, flags, value, type);
-            if (FAILED(hr)) return hr;
+            if (FAILED(hr)) return Refused(parameter, hr);
             Keep({"firmware", "input"}, parameter);
         } else {
             const Json* input = Replayed({"firmware", "input"});
-            if (input == nullptr || Lower(input->get<std::string>()) != Lower(parameter)) return kNotFound;
+            if (input == nullptr || Lower(input->get<std::string>()) != Lower(parameter)) return Refused(parameter, kNotFound);
             Keep({"firmware", "input"}, *input);
         }
+        Note("firmware", "put " + parameter, "accepted", false,
+             "VARIANT type " + std::to_string(value->vt) + ", CIM type " + std::to_string(type) +
+                 (value->vt == VT_BSTR && value->bstrVal != nullptr ? ", text " + Utf8(value->bstrVal) : std::string()));
         if (value->vt == VT_BSTR && value->bstrVal != nullptr) {
             const unsigned long long word = wcstoull(value->bstrVal, nullptr, 10);
             std::memcpy(packet.data(), &word, sizeof(word));
@@ -167,6 +170,11 @@ public:
     }
 
 private:
+    static HRESULT Refused(const std::string& parameter, HRESULT hr) {
+        Note("firmware", "put " + parameter, "refused (" + HresultText(hr) + ")", true);
+        return hr;
+    }
+
     Kind kind_;
     IWbemClassObject* real_;
 };
@@ -240,6 +248,7 @@ HRESULT FirmwareExecMethod(IWbemServices* real, const std::wstring&, const wchar
     Lock lock(Active().mutex);
     const std::string key = PacketKey(in->packet);
     const std::string call = Utf8(method) + " packet " + key;
+    const std::string detail = "object " + Utf8(path);
     if (output != nullptr) *output = nullptr;
     auto result = std::make_unique<FirmwareObject>(FirmwareObject::Kind::Output, nullptr);
     result->key = key;
@@ -249,7 +258,7 @@ HRESULT FirmwareExecMethod(IWbemServices* real, const std::wstring&, const wchar
                                             output != nullptr ? &live : nullptr, nullptr);
         if (FAILED(hr)) {
             Keep({"firmware", "answers", key}, Json{{"error", HresultText(hr)}});
-            Note("firmware", call, "error " + HresultText(hr), true);
+            Note("firmware", call, "error " + HresultText(hr), true, detail);
             return hr;
         }
         if (output == nullptr || live == nullptr) return hr;
@@ -261,17 +270,17 @@ HRESULT FirmwareExecMethod(IWbemServices* real, const std::wstring&, const wchar
         if (answer == nullptr && answers != nullptr && ApplySet(in->packet, *answers)) {
             result->answer = Json{{"output", "00"}, {"length", 256}};
         } else if (answer == nullptr) {
-            Note("firmware", call, "no answer in the profile", true);
+            Note("firmware", call, "no answer in the profile", true, detail);
             return WBEM_E_FAILED;
         } else if (answer->contains("error")) {
             Keep({"firmware", "answers", key}, *answer);
-            Note("firmware", call, "error " + (*answer)["error"].get<std::string>(), true);
+            Note("firmware", call, "error " + (*answer)["error"].get<std::string>(), true, detail);
             return ParseHresult((*answer)["error"].get<std::string>());
         } else {
             result->answer = *answer;
         }
     }
-    Note("firmware", call, "answered", false);
+    Note("firmware", call, "answered", false, detail);
     if (output != nullptr) *output = result.release();
     return WBEM_S_NO_ERROR;
 }

@@ -86,10 +86,10 @@ void Keep(std::initializer_list<std::string> path, const Json& value) {
     if (Json* node = KeepNode(path)) *node = value;
 }
 
-void Note(const char* source, std::string call, std::string outcome, bool failed) {
+void Note(const char* source, std::string call, std::string outcome, bool failed, std::string detail) {
     Context& c = Active();
     if (c.trace == nullptr || !Installed()) return;
-    c.trace->Add({"", source, std::move(call), std::move(outcome), failed});
+    c.trace->Add({"", source, std::move(call), std::move(outcome), failed, std::move(detail)});
 }
 
 std::string Utf8(const wchar_t* text) { return text != nullptr ? Utf8(std::wstring(text)) : std::string(); }
@@ -146,6 +146,12 @@ bool ParseHex(const std::string& text, std::vector<uint8_t>& bytes) {
 std::string HresultText(long hr) {
     char text[16];
     snprintf(text, sizeof(text), "0x%08lX", static_cast<unsigned long>(hr));
+    return text;
+}
+
+std::string HexNumber(unsigned long value) {
+    char text[16];
+    snprintf(text, sizeof(text), "0x%lX", value);
     return text;
 }
 

@@ -152,13 +152,13 @@ LSTATUS WINAPI HookOpen(HKEY root, LPCWSTR subKey, DWORD options, REGSAM access,
         }
         if (status == ERROR_SUCCESS) *out = reinterpret_cast<HKEY>(g_nextKey += 4);
         if (key == nullptr) {
-            Note("registry", call, "not in the profile", true);
+            Note("registry", call, "not in the profile", true, "access " + HexNumber(access));
             return status;
         }
     }
     if (status == ERROR_SUCCESS) g_keys[*out] = path;
     Note("registry", call, status == ERROR_SUCCESS ? "opened" : "missing (error " + std::to_string(status) + ")",
-         status != ERROR_SUCCESS);
+         status != ERROR_SUCCESS, "access " + HexNumber(access));
     return status;
 }
 
@@ -202,7 +202,7 @@ LSTATUS WINAPI HookQuery(HKEY key, LPCWSTR name, LPDWORD reserved, LPDWORD type,
         return ERROR_MORE_DATA;
     }
     if (data != nullptr && !bytes.empty()) std::memcpy(data, bytes.data(), bytes.size());
-    Note("registry", call, "found (" + value.dump() + ")", false);
+    Note("registry", call, "found (" + value.dump() + ")", false, "room " + std::to_string(room) + " bytes");
     return ERROR_SUCCESS;
 }
 
@@ -222,7 +222,7 @@ LSTATUS WINAPI HookSet(HKEY key, LPCWSTR subKey, LPCWSTR name, DWORD type, LPCVO
         status = ERROR_FILE_NOT_FOUND;
     }
     Note("registry", call, status == ERROR_SUCCESS ? "written " + value.dump() : "error " + std::to_string(status),
-         status != ERROR_SUCCESS);
+         status != ERROR_SUCCESS, "type " + std::to_string(type) + ", " + std::to_string(size) + " bytes");
     return status;
 }
 

@@ -53,7 +53,7 @@ Json* KeepNode(std::initializer_list<std::string> path);
 Json* KeepObject(std::initializer_list<std::string> path);
 
 // Writes one event to the trace (nothing when there is none).
-void Note(const char* source, std::string call, std::string outcome, bool failed);
+void Note(const char* source, std::string call, std::string outcome, bool failed, std::string detail = {});
 
 // Text helpers.
 std::string Utf8(const std::wstring& text);
@@ -62,6 +62,7 @@ std::wstring Wide(const std::string& utf8);
 std::string Hex(const void* data, size_t size);
 bool ParseHex(const std::string& text, std::vector<uint8_t>& bytes);
 std::string HresultText(long hr);  // "0x8004100E"
+std::string HexNumber(unsigned long value);  // "0x20119"
 long ParseHresult(const std::string& text);
 std::string GuidText(const GUID& guid);  // "{4D36E96C-E325-11CE-BFC1-08002BE10318}"
 bool ParseGuid(const std::string& text, GUID& guid);

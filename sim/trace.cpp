@@ -32,7 +32,8 @@ std::vector<std::string> Trace::Calls(const std::string& source) const {
     std::lock_guard<std::mutex> lock(mutex_);
     std::vector<std::string> calls;
     for (const Event& event : events_)
-        if (event.source == source) calls.push_back(event.call + " -> " + event.outcome);
+        if (event.source == source)
+            calls.push_back(event.call + (event.detail.empty() ? "" : " [" + event.detail + "]") + " -> " + event.outcome);
     return calls;
 }
 
@@ -55,7 +56,7 @@ std::string Trace::Render() const {
             out += "== " + (event.scope.empty() ? std::string("(no class)") : event.scope) + " ==\n";
         }
         out += "  " + event.source + std::string(event.source.size() < 9 ? 9 - event.source.size() : 1, ' ') +
-               event.call + " -> " + event.outcome + "\n";
+               event.call + (event.detail.empty() ? "" : " [" + event.detail + "]") + " -> " + event.outcome + "\n";
     }
     return out;
 }

@@ -17,6 +17,7 @@ struct Event {
     std::string call;     // the call's identity, e.g. ROOT\CIMV2 "SELECT Name FROM Win32_DiskDrive"
     std::string outcome;  // e.g. "1 row", "missing", "error 2"
     bool failed = false;  // the call failed or found nothing
+    std::string detail;   // the call's other arguments, e.g. "access 0x20119"
 };
 
 class Trace {
@@ -29,7 +30,7 @@ public:
     size_t Size() const;
     void Clear();
 
-    // Calls of one source, as "call -> outcome" lines (for tests).
+    // Calls of one source, as "call [detail] -> outcome" lines (for tests).
     std::vector<std::string> Calls(const std::string& source) const;
 
     // Why an answer is missing, from the events after `since`: the last call

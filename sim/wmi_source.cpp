@@ -245,6 +245,7 @@ void Validate(const Json& wmi, const At& at) {
 struct QueryRun {
     std::wstring nameSpace;
     std::wstring query;
+    std::string detail;  // language and flags
     size_t rows = 0;
     std::vector<std::string> gaps;  // "Caption missing", "ExtClock null", once per row
 
@@ -255,7 +256,7 @@ struct QueryRun {
         for (const std::string& gap : gaps) ++counted[gap];
         for (const auto& [gap, times] : counted)
             outcome += "; " + gap + (times > 1 ? " in " + std::to_string(times) + " rows" : std::string());
-        Note("wmi", Utf8(nameSpace) + " \"" + Utf8(query) + "\"", outcome, rows == 0 || !gaps.empty());
+        Note("wmi", Utf8(nameSpace) + " \"" + Utf8(query) + "\"", outcome, rows == 0 || !gaps.empty(), detail);
     }
 
     Json* RecordedRows() {
@@ -402,6 +403,7 @@ public:
         auto run = std::make_shared<QueryRun>();
         run->nameSpace = nameSpace_;
         run->query = query != nullptr ? query : L"";
+        run->detail = Utf8(language) + ", flags " + std::to_string(flags);
         const std::string ns = Utf8(nameSpace_), text = Utf8(run->query);
         const std::string call = ns + " \"" + text + "\"";
         if (real_ != nullptr) {
@@ -420,13 +422,13 @@ public:
         const Json* queries = Replayed({"wmi", ns, "queries"});
         auto answer = queries != nullptr ? queries->find(text) : Json::const_iterator();
         if (queries == nullptr || answer == queries->end()) {
-            Note("wmi", call, "not in the profile", true);
+            Note("wmi", call, "not in the profile", true, run->detail);
             run->rows = SIZE_MAX;
             return kNoClass;
         }
         if (answer->contains("error")) {
             Keep({"wmi", ns, "queries", text}, Json{{"error", (*answer)["error"]}});
-            Note("wmi", call, "error " + (*answer)["error"].get<std::string>(), true);
+            Note("wmi", call, "error " + (*answer)["error"].get<std::string>(), true, run->detail);
             run->rows = SIZE_MAX;
             return ParseHresult((*answer)["error"].get<std::string>());
         }
