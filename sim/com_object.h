@@ -10,11 +10,15 @@
 
 namespace torvex::sim::detail {
 
-// Objects start with one reference, owned by whoever created them.
+std::atomic<long>& LiveComObjects();
+
+// Objects start with one reference, owned by whoever created them; each
+// counts itself among the live objects while it exists.
 template <typename First, typename... Rest>
 class ComObject : public First, public Rest... {
 public:
-    virtual ~ComObject() = default;
+    ComObject() { ++LiveComObjects(); }
+    virtual ~ComObject() { --LiveComObjects(); }
 
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override {
         if (out == nullptr) return E_POINTER;

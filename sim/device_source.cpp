@@ -659,6 +659,8 @@ void Reset() {
 
 }  // namespace
 
+size_t HeldSets() { return g_simSets.size(); }
+
 const SourceDef kDeviceSource = {"devices", Validate, Install, Reset};
 
 }  // namespace torvex::sim::detail

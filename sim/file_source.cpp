@@ -401,6 +401,8 @@ void Reset() { g_handles.clear(); }
 
 }  // namespace
 
+size_t HeldFiles() { return g_handles.size(); }
+
 const SourceDef kFileSource = {"files", Validate, Install, Reset};
 
 }  // namespace torvex::sim::detail

@@ -43,6 +43,11 @@ const Json* Walk(const Json* node, std::initializer_list<std::string> path) {
 }  // namespace
 
 Context& Active() { return g_context; }
+
+std::atomic<long>& LiveComObjects() {
+    static std::atomic<long> live{0};
+    return live;
+}
 bool Installed() { return g_installed; }
 
 const Json* Child(const Json* object, const std::string& key) {
@@ -226,6 +231,22 @@ Machine::~Machine() {
 }
 
 bool Machine::Installed() { return detail::Installed(); }
+
+Machine::Held Machine::Holding() {
+    Held held;
+    held.comObjects = detail::LiveComObjects();
+    held.registryKeys = detail::HeldKeys();
+    held.deviceSets = detail::HeldSets();
+    held.files = detail::HeldFiles();
+    held.wlanMemory = detail::HeldWlanMemory();
+    return held;
+}
+
+std::string Machine::Held::Describe() const {
+    return std::to_string(comObjects) + " COM objects, " + std::to_string(registryKeys) + " registry keys, " +
+           std::to_string(deviceSets) + " device sets, " + std::to_string(files) + " files, " +
+           std::to_string(wlanMemory) + " Wlan blocks";
+}
 
 void Machine::RecordVendorPresence() { detail::RecordVendorPresence(); }
 

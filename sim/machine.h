@@ -13,6 +13,7 @@
 #include <windows.h>
 
 #include <memory>
+#include <string>
 
 #include "profile.h"
 #include "trace.h"
@@ -35,6 +36,16 @@ public:
 
     // True while a machine is installed in this process.
     static bool Installed();
+
+    // What the library holds of the simulated machine right now: handles,
+    // keys, device sets, Wlan memory and COM objects it has not released.
+    struct Held {
+        long comObjects = 0;
+        size_t registryKeys = 0, deviceSets = 0, files = 0, wlanMemory = 0;
+        bool Any() const { return comObjects != 0 || registryKeys != 0 || deviceSets != 0 || files != 0 || wlanMemory != 0; }
+        std::string Describe() const;
+    };
+    static Held Holding();
 
     // Notes in the recording which vendor libraries and servers exist: probed
     // on the live machine, copied from the profile under replay.

@@ -245,6 +245,8 @@ void Reset() { g_keys.clear(); }
 
 }  // namespace
 
+size_t HeldKeys() { return g_keys.size(); }
+
 const SourceDef kRegistrySource = {"registry", Validate, Install, Reset};
 
 }  // namespace torvex::sim::detail

@@ -7,6 +7,7 @@
 #include <windows.h>
 #include <wbemidl.h>
 
+#include <atomic>
 #include <cstdint>
 #include <initializer_list>
 #include <mutex>
@@ -130,6 +131,13 @@ HRESULT FirmwareExecMethod(IWbemServices* real, const std::wstring& nameSpace, c
 HMODULE DxgiLoad(HMODULE (*real)(LPCWSTR), LPCWSTR path);
 FARPROC DxgiProc(HMODULE module, const char* name, FARPROC (WINAPI* real)(HMODULE, LPCSTR));
 bool DxgiFree(HMODULE module);
+
+// What the library holds, by source (see Machine::Holding).
+size_t HeldKeys();
+size_t HeldSets();
+size_t HeldFiles();
+size_t HeldWlanMemory();
+std::atomic<long>& LiveComObjects();
 
 // Vendor presence, probed or copied (vendor source).
 void RecordVendorPresence();

@@ -301,6 +301,8 @@ void Reset() {
 
 }  // namespace
 
+size_t HeldWlanMemory() { return g_blocks.size(); }
+
 const SourceDef kWlanSource = {"wlan", Validate, Install, Reset};
 
 }  // namespace torvex::sim::detail

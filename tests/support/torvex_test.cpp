@@ -22,61 +22,12 @@ std::wstring ProgramDirectory() {
     return text.substr(0, text.find_last_of(L"\\/"));
 }
 
-namespace {
-
-template <typename Visit>
-void ForEachImportSlot(HMODULE module, const char* function, Visit visit) {
-    auto* base = reinterpret_cast<BYTE*>(module);
-    auto* dos = reinterpret_cast<IMAGE_DOS_HEADER*>(base);
-    auto* nt = reinterpret_cast<IMAGE_NT_HEADERS*>(base + dos->e_lfanew);
-    const IMAGE_DATA_DIRECTORY& dir = nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
-    if (dir.VirtualAddress == 0) return;
-    for (auto* desc = reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR*>(base + dir.VirtualAddress); desc->Name != 0;
-         ++desc) {
-        auto* names = reinterpret_cast<IMAGE_THUNK_DATA*>(
-            base + (desc->OriginalFirstThunk != 0 ? desc->OriginalFirstThunk : desc->FirstThunk));
-        auto* slots = reinterpret_cast<IMAGE_THUNK_DATA*>(base + desc->FirstThunk);
-        for (; names->u1.AddressOfData != 0; ++names, ++slots) {
-            if (IMAGE_SNAP_BY_ORDINAL(names->u1.Ordinal)) continue;
-            auto* byName = reinterpret_cast<IMAGE_IMPORT_BY_NAME*>(base + names->u1.AddressOfData);
-            if (std::strcmp(reinterpret_cast<const char*>(byName->Name), function) == 0)
-                visit(reinterpret_cast<void**>(&slots->u1.Function));
-        }
-    }
+ImportPatch::ImportPatch(const char* function, void* replacement, HMODULE module)
+    : patch_(module, function, replacement) {
+    if (!patch_.patched()) ADD_FAILURE() << "Torvex.dll does not import " << function;
 }
 
-void WriteSlot(void** slot, void* value) {
-    DWORD old = 0;
-    VirtualProtect(slot, sizeof(void*), PAGE_READWRITE, &old);
-    *slot = value;
-    VirtualProtect(slot, sizeof(void*), old, &old);
-}
-
-}  // namespace
-
-ImportPatch::ImportPatch(const char* function, void* replacement, HMODULE module) {
-    ForEachImportSlot(module, function, [&](void** slot) {
-        if (original_ == nullptr) original_ = *slot;
-        slots_.push_back(slot);
-        WriteSlot(slot, replacement);
-    });
-    if (slots_.empty()) ADD_FAILURE() << "Torvex.dll does not import " << function;
-}
-
-ImportPatch::ImportPatch(ImportPatch&& other) noexcept
-    : slots_(std::move(other.slots_)), original_(other.original_) {
-    other.slots_.clear();
-}
-
-ImportPatch::~ImportPatch() {
-    for (void** slot : slots_) WriteSlot(slot, original_);
-}
-
-bool Imports(const char* function, HMODULE module) {
-    bool found = false;
-    ForEachImportSlot(module, function, [&](void**) { found = true; });
-    return found;
-}
+bool Imports(const char* function, HMODULE module) { return sim::Imports(module, function); }
 
 namespace {
 std::wstring g_refusedText;

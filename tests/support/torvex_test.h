@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "import_patch.h"
 #include "support/handle_count.h"
 #include "torvex.h"
 
@@ -27,21 +28,16 @@ std::wstring ProgramDirectory();
 class ImportPatch {
 public:
     ImportPatch(const char* function, void* replacement, HMODULE module = TorvexModule());
-    ~ImportPatch();
-    ImportPatch(const ImportPatch&) = delete;
-    ImportPatch& operator=(const ImportPatch&) = delete;
-    ImportPatch(ImportPatch&& other) noexcept;
 
     // The function the slot held before (the real one), for pass-through.
     template <typename Fn>
     Fn Original() const {
-        return reinterpret_cast<Fn>(original_);
+        return patch_.Original<Fn>();
     }
-    bool patched() const { return !slots_.empty(); }
+    bool patched() const { return patch_.patched(); }
 
 private:
-    std::vector<void**> slots_;
-    void* original_ = nullptr;
+    sim::ImportPatch patch_;
 };
 
 // Typed convenience: Redirect("WlanOpenHandle", &FakeWlanOpenHandle).
