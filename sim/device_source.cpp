@@ -303,16 +303,19 @@ std::string IdOf(HDEVINFO set, const SP_DEVINFO_DATA* data) {
     return g_liveIds[data->DevInst] = Utf8(id);
 }
 
-// Live: the whole set, kept in the recording.
-void KeepLiveSet(HDEVINFO set, const GUID* guid, DWORD flags) {
+// Live: the whole set, kept in the recording; the number of devices (or
+// interfaces) it holds.
+size_t KeepLiveSet(HDEVINFO set, const GUID* guid, DWORD flags) {
+    Json scratch;
     Json* kept = KeepNode({"devices", "sets", SetKey(guid, flags)});
-    if (kept == nullptr) return;
+    if (kept == nullptr) kept = &scratch;
     *kept = Json::array();
+    size_t interfaces = 0;
     SP_DEVINFO_DATA data{};
     data.cbSize = sizeof(data);
     if ((flags & DIGCF_DEVICEINTERFACE) == 0) {
         for (DWORD i = 0; g_SetupDiEnumDeviceInfo(set, i, &data); ++i) kept->push_back(IdOf(set, &data));
-        return;
+        return kept->size();
     }
     SP_DEVICE_INTERFACE_DATA item{};
     item.cbSize = sizeof(item);
@@ -323,13 +326,16 @@ void KeepLiveSet(HDEVINFO set, const GUID* guid, DWORD flags) {
         auto* detail = reinterpret_cast<SP_DEVICE_INTERFACE_DETAIL_DATA_W*>(block.data());
         detail->cbSize = sizeof(SP_DEVICE_INTERFACE_DETAIL_DATA_W);
         if (!g_SetupDiGetDeviceInterfaceDetailW(set, &item, detail, size, &size, &data)) continue;
+        ++interfaces;
         const std::string id = IdOf(set, &data);
         if (kept->empty() || kept->back() != id) kept->push_back(id);
-        Json& paths = *KeepNode({"devices", "nodes", id, "interfaces", GuidText(*guid)});
-        if (!paths.is_array()) paths = Json::array();
+        Json* paths = KeepNode({"devices", "nodes", id, "interfaces", GuidText(*guid)});
+        if (paths == nullptr) continue;
+        if (!paths->is_array()) *paths = Json::array();
         const std::string path = Utf8(detail->DevicePath);
-        if (std::find(paths.begin(), paths.end(), path) == paths.end()) paths.push_back(path);
+        if (std::find(paths->begin(), paths->end(), path) == paths->end()) paths->push_back(path);
     }
+    return interfaces;
 }
 
 // Replay: a set built from the profile (empty when the profile has none).
@@ -368,8 +374,9 @@ HDEVINFO WINAPI HookGetClassDevs(const GUID* guid, PCWSTR enumerator, HWND paren
             Note("setupapi", "open " + call, "error " + std::to_string(GetLastError()), true);
             return set;
         }
-        KeepLiveSet(set, guid, flags);
-        Note("setupapi", "open " + call, "opened", false);
+        const size_t count = KeepLiveSet(set, guid, flags);
+        Note("setupapi", "open " + call, std::to_string(count) + (flags & DIGCF_DEVICEINTERFACE ? " interfaces" : " devices"),
+             count == 0);
         return set;
     }
     bool known = false;
@@ -377,8 +384,7 @@ HDEVINFO WINAPI HookGetClassDevs(const GUID* guid, PCWSTR enumerator, HWND paren
     const SimSet& sim = *Sim(set);
     const size_t count = sim.interfaces ? sim.paths.size() : sim.ids.size();
     Note("setupapi", "open " + call,
-         known ? std::to_string(count) + (sim.interfaces ? " interfaces" : " devices") : "not in the profile: empty",
-         !known || count == 0);
+         known ? std::to_string(count) + (sim.interfaces ? " interfaces" : " devices") : "not in the profile", count == 0);
     return set;
 }
 
@@ -592,15 +598,15 @@ CONFIGRET WINAPI HookDeviceId(DEVINST node, PWSTR buffer, ULONG length, ULONG fl
     Lock lock(Active().mutex);
     if (Active().live()) {
         const CONFIGRET result = g_CM_Get_Device_ID_ExW(node, buffer, length, flags, machine);
-        Note("cfgmgr", "device ID of node " + std::to_string(node),
-             result == CR_SUCCESS ? Utf8(buffer) : "error " + std::to_string(result), result != CR_SUCCESS);
+        Note("cfgmgr", "device ID", result == CR_SUCCESS ? Utf8(buffer) : "error " + std::to_string(result),
+             result != CR_SUCCESS);
         return result;
     }
     if (node < 1 || node > g_nodeIds.size()) return CR_INVALID_DEVNODE;
     const std::wstring id = Wide(g_nodeIds[node - 1]);
     if (buffer == nullptr || length <= id.size()) return CR_BUFFER_SMALL;
     std::memcpy(buffer, id.c_str(), (id.size() + 1) * sizeof(wchar_t));
-    Note("cfgmgr", "device ID of node " + std::to_string(node), g_nodeIds[node - 1], false);
+    Note("cfgmgr", "device ID", g_nodeIds[node - 1], false);
     return CR_SUCCESS;
 }
 

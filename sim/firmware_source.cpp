@@ -171,7 +171,7 @@ public:
 
 private:
     static HRESULT Refused(const std::string& parameter, HRESULT hr) {
-        Note("firmware", "put " + parameter, "refused (" + HresultText(hr) + ")", true);
+        Note("firmware", "put " + parameter, "refused", true);
         return hr;
     }
 
@@ -224,7 +224,7 @@ HRESULT FirmwareGetObject(IWbemServices* real, const std::wstring& nameSpace, co
         const HRESULT hr = real->GetObject(path != nullptr ? const_cast<BSTR>(path) : nullptr, 0, nullptr, &object, nullptr);
         if (IsFirmwareClass(nameSpace, path)) Keep({"firmware", "present"}, SUCCEEDED(hr) && object != nullptr);
         if (FAILED(hr) || object == nullptr) {
-            Note("firmware", call, "absent (" + HresultText(hr) + ")", true);
+            Note("firmware", call, "absent", true);
             return FAILED(hr) ? hr : static_cast<HRESULT>(WBEM_E_FAILED);
         }
     } else {

@@ -175,7 +175,7 @@ LSTATUS WINAPI HookQuery(HKEY key, LPCWSTR name, LPDWORD reserved, LPDWORD type,
         if (status == ERROR_SUCCESS) status = g_query(key, name, nullptr, &kind, bytes.data(), &needed);
         if (status != ERROR_SUCCESS) {
             Keep({"registry", path, valueName}, nullptr);
-            Note("registry", call, "missing (error " + std::to_string(status) + ")", true);
+            Note("registry", call, "missing", true);
             return status;
         }
         bytes.resize(needed);

@@ -266,7 +266,7 @@ DWORD WINAPI HookSet(HANDLE client, const GUID* guid, WLAN_INTF_OPCODE opcode, D
     const auto* wanted = static_cast<const WLAN_PHY_RADIO_STATE*>(data);
     for (Json& phy : (*item)["radio"])
         if (phy.value("phy", 0u) == wanted->dwPhyIndex) phy["software"] = Named(kRadio, wanted->dot11SoftwareRadioState);
-    Note("wlan", call, "switched to " + Named(kRadio, wanted->dot11SoftwareRadioState).dump(), false);
+    Note("wlan", call, "switched", false);
     return ERROR_SUCCESS;
 }
 

@@ -43,6 +43,8 @@ std::vector<void*> Devices(HalDeviceType type, void* record) {
     return devices;
 }
 
+}  // namespace
+
 void AskEverything() {
     const Api& api = Library();
     for (const ClassCodes& entry : kClasses) {
@@ -69,6 +71,8 @@ void AskEverything() {
         FreeRecord(record);
     }
 }
+
+namespace {
 
 int RunCapture(const std::vector<std::wstring>& args) {
     std::wstring file;

@@ -91,6 +91,8 @@ int RunOnMachine(CommandFn run, const std::vector<std::wstring>& args, bool mach
 bool RecordInto(torvex::sim::Profile* profile);
 // Notes which vendor libraries and servers exist, into the recording.
 void RecordVendorPresence();
+// Every query of every class and device, as `torvex capture` asks them (no set).
+void AskEverything();
 // The profile being replayed, or null.
 torvex::sim::Profile* ReplayedProfile();
 

@@ -1,0 +1,98 @@
+// Machine profiles as the loader sees them: every bad document is refused
+// with one line naming the file, the place and what was expected; truncated,
+// mutated, oversized and deeply nested ones never crash, and whatever the
+// loader accepts can be replayed beneath the library without harm.
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+
+#include "support/simulated_machine.h"
+#include "support/torvex_test.h"
+#include "tool.h"
+
+using torvex::sim::Profile;
+using torvex::sim::ProfileError;
+
+namespace {
+
+// The message of a refused profile, or "" when it was accepted.
+std::string Refusal(const std::string& text) {
+    try {
+        Profile::Parse(text, "p.json");
+        return "";
+    } catch (const ProfileError& e) {
+        return e.what();
+    }
+}
+
+TEST(Profile, EveryRefusalNamesTheFileThePlaceAndWhatWasExpected) {
+    const std::pair<std::string, const char*> cases[] = {
+        {"", "p.json: line 1, column 1: "},
+        {"{\"schema\": \"torvex-machine/1\",", "p.json: line 1, column 31: "},
+        {"[]", "p.json: at /: expected an object"},
+        {"{}", "p.json: at /schema: expected the member \"schema\": \"torvex-machine/1\""},
+        {"{\"schema\": \"torvex-machine/2\"}", "p.json: at /schema: expected \"torvex-machine/1\""},
+        {"{\"schema\": \"torvex-machine/1\", \"cpu\": {}}", "p.json: at /cpu: expected no such member"},
+        {"{\"schema\": \"torvex-machine/1\", \"registry\": {\"K\": {\"V\": {\"dword\": -1}}}}",
+         "p.json: at /registry/K/V/dword: expected an integer from 0 to 4294967295"},
+        {"{\"schema\": \"torvex-machine/1\", \"wmi\": {\"ROOT\\\\CIMV2\": {\"queries\": {\"Q\": {\"rows\": {}}}}}}",
+         "p.json: at /wmi/ROOT\\CIMV2/queries/Q/rows: expected an array"},
+        {"{\"schema\": \"torvex-machine/1\", \"firmware\": {\"present\": true, \"answers\": {\"030c\": {\"output\": \"000102\", "
+         "\"length\": 2}}}}",
+         "p.json: at /firmware/answers/030c/output: expected at most 2 bytes"},
+        {"{\"schema\": \"torvex-machine/1\", \"files\": {\"paths\": {\"D\": {\"ioctls\": {\"IOCTL_DISK_GET_DRIVE_GEOMETRY\": "
+         "{\"out\": \"0102\", \"returned\": 24}}}}}}",
+         "p.json: at /files/paths/D/ioctls/IOCTL_DISK_GET_DRIVE_GEOMETRY/returned: expected at most the 2 bytes"},
+        {"{\"schema\": \"torvex-machine/1\", \"devices\": {\"nodes\": {\"N\": {\"properties\": {\"DEVPKEY_Device_HardwareIds\": "
+         "{\"guid\": \"{nope}\"}}}}}}",
+         "p.json: at /devices/nodes/N/properties/DEVPKEY_Device_HardwareIds/guid: expected a GUID"},
+        {"{\"schema\": \"torvex-machine/1\", \"display\": {\"devices\": [{\"name\": \"" + std::string(40, 'x') + "\"}]}}",
+         "p.json: at /display/devices/0/name: expected a text shorter than the 32 bytes of its field"},
+        {std::string(30, '[') + std::string(30, ']'), "p.json: nested deeper than 24 levels"},
+        {std::string((64u << 20) + 1, ' '), "p.json: larger than 64 MiB"},
+    };
+    for (const auto& [text, message] : cases) {
+        const std::string refusal = Refusal(text);
+        EXPECT_EQ(refusal.rfind(message, 0), 0u) << "for " << text.substr(0, 200) << "\ngot: " << refusal;
+        EXPECT_EQ(refusal.find('\n'), std::string::npos) << "one line";
+    }
+}
+
+// Whatever the loader accepts replays: every query of every class runs and
+// the library is left holding nothing of the machine.
+void ReplayEverything(const std::string& text) {
+    Profile profile = Profile::Parse(text, "mutant");
+    torvex::sim::Machine machine(torvex::test::TorvexModule(), {&profile, nullptr, nullptr});
+    tool::AskEverything();
+}
+
+TEST(Profile, TruncatedMutatedAndNestedProfilesNeverCrash) {
+    const std::string original = torvex::test::MachineText("wine");
+    ASSERT_EQ(Refusal(original), "");
+    for (size_t cut = 0; cut < original.size(); cut += 53)
+        EXPECT_NE(Refusal(original.substr(0, cut)), "") << "cut at " << cut;
+    std::mt19937 random(20261123);
+    const char kBytes[] = "{}[]\",:0123456789-.eEtrufalsn \\\x80\xff";
+    size_t accepted = 0;
+    for (int round = 0; round < 400; ++round) {
+        std::string mutant = original;
+        for (int edits = 1 + random() % 3; edits > 0; --edits) {
+            const size_t at = random() % mutant.size();
+            switch (random() % 3) {
+            case 0: mutant[at] = kBytes[random() % (sizeof(kBytes) - 1)]; break;
+            case 1: mutant.erase(at, 1 + random() % 8); break;
+            default: mutant.insert(at, 1, kBytes[random() % (sizeof(kBytes) - 1)]); break;
+            }
+        }
+        if (!Refusal(mutant).empty()) continue;
+        ++accepted;
+        ReplayEverything(mutant);
+        torvex::test::ExpectNothingHeld();
+    }
+    EXPECT_GT(accepted, 0u) << "no mutant was accepted, so none was replayed";
+}
+
+}  // namespace
