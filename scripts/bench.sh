@@ -23,26 +23,42 @@ echo
 
 now_ms() { echo $(( $(date +%s%N) / 1000000 )); }
 
-# Wall time of one report in ms, Wine's process start included.
-time_report() {
+# Wall time of one torvex command in ms, Wine's process start included.
+time_command() {
   local start end
   start=$(now_ms)
-  wine "$BUILD/bin/torvex.exe" report >/dev/null || { echo "bench: torvex report failed" >&2; exit 1; }
+  wine "$BUILD/bin/torvex.exe" "$@" >/dev/null || { echo "bench: torvex $* failed" >&2; exit 1; }
   end=$(now_ms)
   echo $(( end - start ))
 }
 
+median() { # values...
+  mapfile -t sorted < <(printf '%s\n' "$@" | sort -n)
+  local n=${#sorted[@]}
+  if (( n % 2 == 1 )); then echo "${sorted[n / 2]}"; else echo $(( (sorted[n / 2 - 1] + sorted[n / 2]) / 2 )); fi
+}
+
 # The first report may still pay for starting the Wine server and warming
 # its caches; it is shown apart and not counted.
-first=$(time_report)
+first=$(time_command report)
 
-times=()
-for ((i = 0; i < RUNS; i++)); do times+=("$(time_report)"); done
-mapfile -t sorted < <(printf '%s\n' "${times[@]}" | sort -n)
-n=${#sorted[@]}
-if (( n % 2 == 1 )); then median=${sorted[n / 2]}; else median=$(( (sorted[n / 2 - 1] + sorted[n / 2]) / 2 )); fi
+# Live report, a whole capture, and the report replayed from that capture,
+# side by side in one series: each round runs the three once.
+PROFILE=$(mktemp --suffix=.json)
+trap 'rm -f "$PROFILE"' EXIT
+live=() capture=() replay=()
+for ((i = 0; i < RUNS; i++)); do
+  live+=("$(time_command report)")
+  capture+=("$(time_command capture "$(winepath -w "$PROFILE")")")
+  replay+=("$(time_command replay "$(winepath -w "$PROFILE")" report)")
+done
+live_median=$(median "${live[@]}") capture_median=$(median "${capture[@]}") replay_median=$(median "${replay[@]}")
 
-echo "torvex report wall time over $RUNS runs: median $median ms, min ${sorted[0]} ms (runs: ${times[*]} ms)"
+echo "torvex report wall time over $RUNS runs: median $live_median ms (runs: ${live[*]} ms)"
+echo "torvex capture wall time over $RUNS runs: median $capture_median ms (runs: ${capture[*]} ms)"
+echo "torvex replay FILE report wall time over $RUNS runs: median $replay_median ms (runs: ${replay[*]} ms)"
 echo "first report of this series (not counted): $first ms"
-if (( median < 1000 )); then verdict=PASS; else verdict=ABOVE; fi
-echo "goal: report < 1000 ms: $verdict"
+verdict() { if "$@"; then echo PASS; else echo ABOVE; fi; }
+echo "goal: report < 1000 ms: $(verdict test "$live_median" -lt 1000)"
+echo "goal: capture < 2000 ms: $(verdict test "$capture_median" -lt 2000)"
+echo "goal: replayed report no slower than the live one: $(verdict test "$replay_median" -le "$live_median")"
