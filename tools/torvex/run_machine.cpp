@@ -67,14 +67,21 @@ int RunTrace(const std::vector<std::wstring>& args) {
     if (args[0] == L"trace" || args[0] == L"replay") return UsageError("trace", "cannot trace " + Utf8(args[0]));
     g_trace.Clear();
     const int status = Run(args);
-    PrintLine();
-    std::string line = "operating-system calls of torvex";
+    std::string text = "operating-system calls of torvex";
+    bool json = false;
     for (const auto& arg : args) {
-        line += ' ';
-        line += Utf8(arg);
+        text += ' ';
+        text += Utf8(arg);
+        json = json || arg == L"--json";
     }
-    PrintLine(line + ":");
-    Print(g_trace.Render());
+    text += ":\n" + g_trace.Render();
+    // A JSON document stays alone on standard output.
+    if (json) {
+        PrintError(text);
+    } else {
+        PrintLine();
+        Print(text);
+    }
     return status;
 }
 
