@@ -103,6 +103,7 @@ private:
     template <typename Live>
     HRESULT Write(const char* field, const Json& value, Live live) {
         Lock lock(Active().mutex);
+        if (Unchangeable("audio", std::string("set ") + flow_ + " " + field)) return E_ACCESSDENIED;
         HRESULT hr = S_OK;
         if (real_ != nullptr) hr = live();
         else if (Json* endpoint = ReplayedForChange({"audio", flow_})) (*endpoint)[field] = value;

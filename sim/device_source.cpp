@@ -553,6 +553,7 @@ void RemoveFromProfile(const std::string& id) {
 BOOL WINAPI HookRemove(HDEVINFO set, PSP_DEVINFO_DATA data) {
     Lock lock(Active().mutex);
     const std::string id = IdOf(set, data);
+    if (Unchangeable("setupapi", "remove " + id)) return SetLastError(ERROR_ACCESS_DENIED), FALSE;
     if (Sim(set) == nullptr) {
         const BOOL removed = g_SetupDiRemoveDevice(set, data);
         Note("setupapi", "remove " + id, removed ? "removed" : "error " + std::to_string(GetLastError()), !removed);
@@ -572,6 +573,7 @@ BOOL WINAPI HookCallInstaller(DI_FUNCTION function, HDEVINFO set, PSP_DEVINFO_DA
     Lock lock(Active().mutex);
     const std::string id = IdOf(set, data);
     const std::string call = "class installer " + std::to_string(function) + " on " + id;
+    if (Unchangeable("setupapi", call)) return SetLastError(ERROR_ACCESS_DENIED), FALSE;
     if (Sim(set) == nullptr) {
         const BOOL done = g_SetupDiCallClassInstaller(function, set, data);
         Note("setupapi", call, done ? "done" : "error " + std::to_string(GetLastError()), !done);

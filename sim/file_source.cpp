@@ -375,6 +375,7 @@ BOOL WINAPI HookRead(HANDLE h, LPVOID buffer, DWORD size, LPDWORD done, LPOVERLA
     return Sector(h, "read", [&] { return g_read(h, buffer, size, done, o); }, FALSE);
 }
 BOOL WINAPI HookWrite(HANDLE h, LPCVOID buffer, DWORD size, LPDWORD done, LPOVERLAPPED o) {
+    if (g_handles.count(h) != 0 && Unchangeable("file", "write " + g_handles[h])) return SetLastError(ERROR_ACCESS_DENIED), FALSE;
     return Sector(h, "write", [&] { return g_write(h, buffer, size, done, o); }, FALSE);
 }
 

@@ -250,6 +250,8 @@ HRESULT FirmwareExecMethod(IWbemServices* real, const std::wstring&, const wchar
     const std::string call = Utf8(method) + " packet " + key;
     const std::string detail = "object " + Utf8(path);
     if (output != nullptr) *output = nullptr;
+    const bool set = in->packet[0] == 0x03 && (in->packet[1] == 0x0F || in->packet[1] == 0x10);
+    if (set && Unchangeable("firmware", call)) return WBEM_E_ACCESS_DENIED;
     auto result = std::make_unique<FirmwareObject>(FirmwareObject::Kind::Output, nullptr);
     result->key = key;
     if (real != nullptr) {

@@ -91,6 +91,13 @@ void Keep(std::initializer_list<std::string> path, const Json& value) {
     if (Json* node = KeepNode(path)) *node = value;
 }
 
+bool Unchangeable(const char* source, const std::string& call) {
+    Context& c = Active();
+    if (!c.live() || !c.readOnly) return false;
+    Note(source, call, "refused: this machine is not changed while it is recorded", true);
+    return true;
+}
+
 void Note(const char* source, std::string call, std::string outcome, bool failed, std::string detail) {
     Context& c = Active();
     if (c.trace == nullptr || !Installed()) return;
@@ -204,6 +211,7 @@ Machine::Machine(HMODULE library, MachineOptions options) : state_(std::make_uni
     c.replay = options.replay;
     c.record = options.record;
     c.trace = options.trace;
+    c.readOnly = options.readOnly;
     c.library = library;
     if (c.record != nullptr && c.record != c.replay) c.record->doc()["schema"] = kProfileSchema;
 
@@ -226,6 +234,7 @@ Machine::~Machine() {
     c.replay = nullptr;
     c.record = nullptr;
     c.trace = nullptr;
+    c.readOnly = false;
     c.library = nullptr;
     g_installed = false;
 }

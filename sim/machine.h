@@ -24,6 +24,7 @@ struct MachineOptions {
     Profile* replay = nullptr;  // answers come from here; null: from the live machine
     Profile* record = nullptr;  // every answer is kept here as well
     Trace* trace = nullptr;     // every call is written here
+    bool readOnly = false;      // live: every call that would change the machine is refused (capture's guard)
 };
 
 class Machine {

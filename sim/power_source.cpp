@@ -252,6 +252,7 @@ DWORD WriteValue(const char* side, WriteValueFn real, HKEY root, const GUID* sch
                  const GUID* setting, DWORD value) {
     Lock lock(Active().mutex);
     const std::string key = ValueKey(subgroup, setting);
+    if (Unchangeable("power", std::string("write ") + side + " " + key)) return ERROR_ACCESS_DENIED;
     DWORD result = ERROR_SUCCESS;
     if (Active().live()) {
         result = real(root, scheme, subgroup, setting, value);
@@ -272,6 +273,7 @@ DWORD WINAPI HookWriteDc(HKEY r, const GUID* s, const GUID* g, const GUID* k, DW
 
 DWORD WINAPI HookSetScheme(HKEY root, const GUID* scheme) {
     Lock lock(Active().mutex);
+    if (Unchangeable("power", "apply scheme")) return ERROR_ACCESS_DENIED;
     const DWORD result = Active().live() ? g_setScheme(root, scheme)
                          : Replayed({"power", "scheme", "active"}) != nullptr ? ERROR_SUCCESS : ERROR_FILE_NOT_FOUND;
     Note("power", "apply scheme", result == 0 ? "applied" : "error " + std::to_string(result), result != 0);

@@ -214,6 +214,7 @@ LSTATUS WINAPI HookSet(HKEY key, LPCWSTR subKey, LPCWSTR name, DWORD type, LPCVO
     const auto* bytes = static_cast<const uint8_t*>(data);
     const Json value = Encode(type, std::vector<uint8_t>(bytes, bytes + (data != nullptr ? size : 0)));
     LSTATUS status = ERROR_SUCCESS;
+    if (Unchangeable("registry", call)) return ERROR_ACCESS_DENIED;
     if (Active().live()) {
         status = g_set(key, subKey, name, type, data, size);
     } else if (Json* values = ReplayedForChange({"registry", path}); values != nullptr && values->is_object()) {

@@ -23,6 +23,7 @@ struct Context {
     Profile* replay = nullptr;
     Profile* record = nullptr;
     Trace* trace = nullptr;
+    bool readOnly = false;
     HMODULE library = nullptr;
     std::recursive_mutex mutex;
 
@@ -52,6 +53,10 @@ void Keep(std::initializer_list<std::string> path, const Json& value);
 Json* KeepNode(std::initializer_list<std::string> path);
 // The node as an object (made one when it is not), or null when not recording.
 Json* KeepObject(std::initializer_list<std::string> path);
+
+// True when a call that would change the live machine must be refused (the
+// machine is read-only); the refusal is traced.
+bool Unchangeable(const char* source, const std::string& call);
 
 // Writes one event to the trace (nothing when there is none).
 void Note(const char* source, std::string call, std::string outcome, bool failed, std::string detail = {});

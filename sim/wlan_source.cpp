@@ -248,6 +248,7 @@ DWORD WINAPI HookSet(HANDLE client, const GUID* guid, WLAN_INTF_OPCODE opcode, D
                      PVOID reserved) {
     Lock lock(Active().mutex);
     const std::string call = "switch radio of " + (guid != nullptr ? GuidText(*guid) : std::string("(none)"));
+    if (Unchangeable("wlan", call)) return ERROR_ACCESS_DENIED;
     if (Active().live()) {
         const DWORD result = g_WlanSetInterface(client, guid, opcode, size, data, reserved);
         Note("wlan", call, result == 0 ? "switched" : "error " + std::to_string(result), result != 0);

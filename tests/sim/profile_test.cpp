@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 #include <string>
 
@@ -93,6 +94,34 @@ TEST(Profile, TruncatedMutatedAndNestedProfilesNeverCrash) {
         torvex::test::ExpectNothingHeld();
     }
     EXPECT_GT(accepted, 0u) << "no mutant was accepted, so none was replayed";
+}
+
+// A recording machine is read-only: the library's writes never reach the
+// live machine while it is captured.
+TEST(Capture, NeverChangesTheLiveMachine) {
+    const wchar_t* kKey = L"SOFTWARE\\TorvexCaptureTest";
+    HKEY key = nullptr;
+    ASSERT_EQ(RegCreateKeyExW(HKEY_LOCAL_MACHINE, kKey, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr), 0);
+    const DWORD before = 1;
+    RegSetValueExW(key, L"Value", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&before), sizeof(before));
+    Profile captured;
+    torvex::sim::Trace trace;
+    {
+        torvex::sim::Machine machine(torvex::test::TorvexModule(), {nullptr, &captured, &trace, true});
+        EXPECT_FALSE(ReadReg::WrightLocalMachineRegDW(kKey, L"Value", 2));
+        unsigned long read = 0;
+        EXPECT_TRUE(ReadReg::ReadLocalMachineRegDW(kKey, L"Value", read));
+        EXPECT_EQ(read, 1u);
+    }
+    DWORD after = 0, size = sizeof(after);
+    RegQueryValueExW(key, L"Value", nullptr, nullptr, reinterpret_cast<BYTE*>(&after), &size);
+    RegCloseKey(key);
+    RegDeleteKeyW(HKEY_LOCAL_MACHINE, kKey);
+    EXPECT_EQ(after, 1u);
+    const std::vector<std::string> calls = trace.Calls("registry");
+    EXPECT_NE(std::find_if(calls.begin(), calls.end(),
+                           [](const std::string& call) { return call.find("-> refused: this machine is not changed") != std::string::npos; }),
+              calls.end());
 }
 
 }  // namespace

@@ -40,8 +40,9 @@ void Route(Api& api) {
 
 void Install() {
     g_machine.reset();
+    // While recording, the live machine is never changed: capture asks only.
     g_machine = std::make_unique<Machine>(Library().module,
-                                          torvex::sim::MachineOptions{g_replay, g_record, &g_trace});
+                                          torvex::sim::MachineOptions{g_replay, g_record, &g_trace, g_record != nullptr});
 }
 
 // `torvex replay FILE COMMAND...`
