@@ -25,11 +25,12 @@ HRESULT FakeGfxServer::SetGammaRamp(uint32_t id, uint32_t size, void* ramp, uint
     return S_OK;
 }
 
-HRESULT FakeGfxServer::GetGeneric(const GUID&, uint32_t size, void* data, uint32_t* status) {
+HRESULT FakeGfxServer::GetGeneric(const GUID& id, uint32_t size, void* data, uint32_t* status) {
+    requestId = id;
     requestSize = size;
     std::memcpy(request, data, sizeof(request));
     for (uint32_t i = 0; i < 9; ++i) std::memcpy(static_cast<uint8_t*>(data) + 44 + 4 * i, &i, 4);
-    *status = 0;
+    *status = requestStatus;
     return S_OK;
 }
 
