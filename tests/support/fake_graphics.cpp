@@ -44,18 +44,6 @@ HRESULT FakeGfxServer::QueryInterface(REFIID iid, void** out) {
     return E_NOINTERFACE;
 }
 
-namespace {
-
-HMODULE WINAPI LoadAnythingButDxgi(LPCWSTR path) {
-    const std::wstring text(path);
-    if (text.size() >= 9 && _wcsicmp(text.c_str() + text.size() - 9, L"\\dxgi.dll") == 0) return nullptr;
-    return ::LoadLibraryW(path);
-}
-
-}  // namespace
-
-ImportPatch WithoutDxgi() { return Redirect("LoadLibraryW", &LoadAnythingButDxgi); }
-
 FakeGfxServer& SharedGfxServer() {
     static FakeGfxServer* server = new FakeGfxServer();
     return *server;

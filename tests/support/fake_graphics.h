@@ -54,10 +54,6 @@ struct FakeGfxServer : IUnknown {
     uint32_t requestStatus = 0;   // the status it answers
 };
 
-// Torvex.dll's LoadLibraryW finds no dxgi.dll (every other library loads for
-// real), so adapters come from the device tree alone.
-ImportPatch WithoutDxgi();
-
 // The process's one server object (the library keeps its pointer for good).
 FakeGfxServer& SharedGfxServer();
 
