@@ -234,7 +234,13 @@ FARPROC DxgiProc(HMODULE module, const char* name, FARPROC(WINAPI* real)(HMODULE
     return reinterpret_cast<FARPROC>(reinterpret_cast<void*>(one ? &SimCreate1 : &SimCreate));
 }
 
-bool DxgiFree(HMODULE module) { return module != nullptr && module == StandIn(); }
+// Freeing is traced as well, so that a test sees the library let dxgi.dll go.
+bool DxgiFree(HMODULE module) {
+    if (module == nullptr || (module != StandIn() && module != g_liveModule)) return false;
+    Lock lock(Active().mutex);
+    Note("library", "dxgi.dll", "freed", false);
+    return module == StandIn();
+}
 
 const SourceDef kDxgiSource = {"dxgi", Validate, Install, Reset};
 

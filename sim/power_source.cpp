@@ -8,6 +8,7 @@
 #include <powrprof.h>
 
 #include <cstring>
+#include <set>
 
 #include "source.h"
 
@@ -27,6 +28,8 @@ GetActiveSchemeFn g_getScheme = nullptr;
 ReadValueFn g_readAc = nullptr, g_readDc = nullptr;
 WriteValueFn g_writeAc = nullptr, g_writeDc = nullptr;
 SetActiveSchemeFn g_setScheme = nullptr;
+HLOCAL(WINAPI* g_localFree)(HLOCAL) = nullptr;
+std::set<void*> g_schemes;  // scheme GUIDs handed to the library and not yet freed
 
 constexpr LONG kNotImplemented = static_cast<LONG>(0xC0000002);
 
@@ -200,8 +203,12 @@ DWORD WINAPI HookGetScheme(HKEY root, GUID** scheme) {
     Lock lock(Active().mutex);
     if (Active().live()) {
         const DWORD result = g_getScheme(root, scheme);
-        if (result == ERROR_SUCCESS && scheme != nullptr && *scheme != nullptr) Keep({"power", "scheme", "active"}, GuidText(**scheme));
-        else Keep({"power", "scheme", "error"}, result);
+        if (result == ERROR_SUCCESS && scheme != nullptr && *scheme != nullptr) {
+            Keep({"power", "scheme", "active"}, GuidText(**scheme));
+            g_schemes.insert(*scheme);
+        } else {
+            Keep({"power", "scheme", "error"}, result);
+        }
         Note("power", "active scheme", result == 0 ? GuidText(**scheme) : "error " + std::to_string(result), result != 0);
         return result;
     }
@@ -218,6 +225,7 @@ DWORD WINAPI HookGetScheme(HKEY root, GUID** scheme) {
     if (guid == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
     ParseGuid(active->get<std::string>(), *guid);
     *scheme = guid;
+    g_schemes.insert(guid);
     Note("power", "active scheme", active->get<std::string>(), false);
     return ERROR_SUCCESS;
 }
@@ -280,7 +288,18 @@ DWORD WINAPI HookSetScheme(HKEY root, const GUID* scheme) {
     return result;
 }
 
+// The scheme GUID goes back with LocalFree; freeing it is traced, so that a
+// test sees the library let it go. Other memory passes through untouched.
+HLOCAL WINAPI HookLocalFree(HLOCAL memory) {
+    {
+        Lock lock(Active().mutex);
+        if (g_schemes.erase(memory) != 0) Note("power", "free scheme", "freed", false);
+    }
+    return g_localFree(memory);
+}
+
 void Install(Installer& installer) {
+    installer.Hook("LocalFree", &HookLocalFree, g_localFree);
     installer.Hook("GetSystemPowerStatus", &HookStatus, g_status);
     installer.Hook("CallNtPowerInformation", &HookInformation, g_information);
     installer.Hook("PowerGetActiveScheme", &HookGetScheme, g_getScheme);
@@ -291,8 +310,10 @@ void Install(Installer& installer) {
     installer.Hook("PowerSetActiveScheme", &HookSetScheme, g_setScheme);
 }
 
+void Reset() { g_schemes.clear(); }
+
 }  // namespace
 
-const SourceDef kPowerSource = {"power", Validate, Install, nullptr};
+const SourceDef kPowerSource = {"power", Validate, Install, Reset};
 
 }  // namespace torvex::sim::detail

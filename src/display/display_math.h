@@ -1,6 +1,6 @@
 // Colour arithmetic of the display back ends: Kelvin from a level, gamma
 // ramps from a 3x3 matrix, warmth and channel matrices, and the Intel gain
-// adjustments. Pure functions, shared with the tests.
+// adjustments. Pure functions, shared by the back ends.
 #pragma once
 
 #include <algorithm>

@@ -1,163 +1,202 @@
-// Display colour (class 19): the colour arithmetic on its own, and the
-// graphics-driver COM server back end end to end with brightness through
-// redirected power functions.
+// Display colour (class 19) on the graphics driver's COM server back end, a
+// stand-in handed out on top of a simulated laptop (screen, power scheme).
 #include <windows.h>
-#include <powrprof.h>
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstring>
+#include <optional>
 
-#include "display/display_math.h"
-#include "support/fake_com.h"
 #include "support/fake_graphics.h"
-#include "support/fake_setupapi.h"
-#include "support/fake_wmi.h"
+#include "support/simulated_machine.h"
 #include "support/torvex_test.h"
 
-using namespace torvex::display;
-using torvex::test::ComClassRegistration;
-using torvex::test::DebugCapture;
-using torvex::test::FakeDevice;
-using torvex::test::FakeDeviceTree;
-using torvex::test::FakeWmi;
-using torvex::test::FakeGfxServer;
-using torvex::test::FakePower;
-using torvex::test::SharedGfxServer;
-using torvex::test::kGfxServerClass;
-using torvex::test::kDisplayClass;
-using torvex::test::ImportPatch;
-using torvex::test::Redirect;
+using namespace torvex::test;
 
 namespace {
 
-TEST(DisplayMath, KelvinFromLevelRoundsDownToHundreds) {
-    EXPECT_EQ(KelvinFromLevel(255, 0), 8000);
-    EXPECT_EQ(KelvinFromLevel(0, 0), 5000);
-    EXPECT_EQ(KelvinFromLevel(128, 0), 6500) << "6505 rounded down";
-    EXPECT_EQ(KelvinFromLevel(255, 1), 6000);
-    EXPECT_EQ(KelvinFromLevel(0, 7), 4000);
-    EXPECT_EQ(KelvinFromLevel(100, 3), 4700) << "4000 + 2000 x 100 / 255 = 4784";
+using Strings = std::vector<std::string>;
+constexpr char kBrightness[] = "{7516B95F-F776-4464-8C53-06167F40CC99}/{ADED5E82-B909-4619-9949-F5D71DAC0BCB}";
+
+ImportPatch* g_create = nullptr;
+std::vector<std::pair<DWORD, IID>> g_created;  // context and interface of each server asked for
+
+HRESULT WINAPI CreateServer(REFCLSID clsid, LPUNKNOWN outer, DWORD context, REFIID iid, LPVOID* out) {
+    if (!IsEqualCLSID(clsid, kGfxServerClass))
+        return g_create->Original<decltype(&CoCreateInstance)>()(clsid, outer, context, iid, out);
+    g_created.emplace_back(context, iid);
+    return SharedGfxServer().QueryInterface(iid, out);
 }
 
-TEST(DisplayMath, RampsFromMatrices) {
-    const Ramp linear = RampFromMatrix(WarmthMatrix(128, 0), false);
-    for (int c = 0; c < 3; ++c) {
-        EXPECT_EQ(linear[c * 256 + 0], 0);
-        EXPECT_EQ(linear[c * 256 + 255], 65535);
-        EXPECT_EQ(linear[c * 256 + 128], 32896) << "128/255 x 65535 = 32896.0";
+// The back end is chosen once for the process; each test brings it up on a laptop whose first
+// adapter is Intel's. Its screen is \\.\DISPLAY1; brightness is 70 on mains and 30 on battery.
+class ServerTest : public ::testing::Test {
+protected:
+    ServerTest() { g_create = &create; }
+    void SetUp() override { ASSERT_EQ(Init(), 1u); }
+    void TearDown() override { ExpectNothingHeld(); }
+    Json& Profile() { return machine.profile.doc(); }
+    uint32_t Init() {
+        void* out = reinterpret_cast<void*>(0x1234);
+        const uint32_t result = HalInit(HAL_CLASS_DISPLAY, &out);
+        EXPECT_EQ(out, reinterpret_cast<void*>(0x1234)) << "only the AMD library hands out a context";
+        return result;
     }
-    const Ramp warm = RampFromMatrix(WarmthMatrix(255, 0), false);  // red and green lowered
-    EXPECT_LT(warm[255], 65535);
-    EXPECT_EQ(warm[255], warm[256 + 255]);
-    EXPECT_EQ(warm[512 + 255], 65535);
-    const Ramp cool = RampFromMatrix(WarmthMatrix(0, 0), false);  // blue lowered
-    EXPECT_EQ(cool[255], 65535);
-    EXPECT_EQ(cool[512 + 255], static_cast<uint16_t>(std::round((1.0 - 128 * 0.0078125 * 0.15) * 65535.0)));
-    const Ramp cut = RampFromMatrix(WarmthMatrix(128, 255), false);
-    EXPECT_EQ(cut[512 + 255], static_cast<uint16_t>(std::round(0.82f * 65535.0)));
-    Matrix hot = Identity();
-    hot[0][1] = 1.0;  // row sum 2: entries saturate
-    EXPECT_EQ(RampFromMatrix(hot, false)[255], 65535);
-    Matrix negative = Identity();
-    negative[0][0] = -1.0;
-    EXPECT_EQ(RampFromMatrix(negative, true)[255], 0) << "the AMD rounding floors negatives at 0";
+    uint32_t Set(uint32_t code, const void* input, uint32_t size) {
+        return HalSetInformation(HAL_CLASS_DISPLAY, nullptr, code, const_cast<void*>(input), size, nullptr, 0);
+    }
+    uint32_t Query(uint32_t code, void* buffer, uint32_t size, uint32_t* returned) {
+        return HalQueryInformation(HAL_CLASS_DISPLAY, nullptr, code, buffer, size, returned);
+    }
+
+    SimulatedMachine machine{MachineFile{"hybrid-graphics-laptop"}};
+    ImportPatch create = Redirect("CoCreateInstance", &CreateServer);
+};
+
+// The laptop's two PCI adapters renamed: the first name with AMD or Intel in it decides.
+TEST_F(ServerTest, TheFirstAdapterNamingAmdOrIntelChoosesTheBackEnd) {
+    const struct {
+        const char* names[2];
+        uint32_t result;
+        bool amd;  // the AMD library was asked for (absent here)
+    } cases[] = {{{"amd radeon", "INTEL UHD"}, 1, false},  // the names are matched case-sensitively
+                 {{"AMD Radeon", "Intel UHD"}, 0, true},
+                 {{"Intel UHD", "AMD Radeon"}, 1, false}};
+    Json& nodes = Profile()["devices"]["nodes"];
+    const Json ids = Profile()["devices"]["sets"]["{4D36E968-E325-11CE-BFC1-08002BE10318} DIGCF_PRESENT"];
+    for (const auto& c : cases) {
+        for (int i = 0; i < 2; ++i)
+            nodes[ids[2 * i].get<std::string>()]["properties"]["DEVPKEY_Device_DeviceDesc"]["string"] = c.names[i];
+        machine.trace.Clear();
+        EXPECT_EQ(Init(), c.result);
+        EXPECT_EQ(machine.Asked("library"), (c.amd ? Strings{"dxgi.dll", "dxgi.dll", "atiadlxx.dll"}
+                                                    : Strings{"dxgi.dll", "dxgi.dll"}));
+    }
+    ASSERT_EQ(g_created.size(), 1u) << "created once, by the first test";
+    EXPECT_EQ(g_created[0], std::make_pair(DWORD{23}, IID_IUnknown)) << "in-process, handler, local or remote server";
 }
 
-TEST(DisplayMath, IntelGainAdjustmentsByMode) {
-    const Gains neutral{1.0f, 1.0f, 1.0f};
-    const Gains mode1 = AdjustGains(neutral, 1);
-    EXPECT_FLOAT_EQ(mode1.green, 0.94f);
-    EXPECT_FLOAT_EQ(mode1.blue, 0.96f);
-    const Gains bright = AdjustGains({0.98f, 0.5f, 0.5f}, 1);
-    EXPECT_FLOAT_EQ(bright.red, 0.98f);
-    EXPECT_FLOAT_EQ(bright.green, 0.5f * 1.001f);
-    EXPECT_FLOAT_EQ(bright.blue, 0.5f * 0.968f);
-    const Gains dim = AdjustGains({0.95f, 0.5f, 0.5f}, 1);
-    EXPECT_FLOAT_EQ(dim.red, 1.0f) << "0.95 x 1.087 reaches 1.0";
-    EXPECT_FLOAT_EQ(dim.green, 0.5f * 0.978f);
-    const Gains mode2 = AdjustGains({0.5f, 0.5f, 0.5f}, 2);
-    EXPECT_FLOAT_EQ(mode2.red, 0.5f * 1.054f);
-    EXPECT_FLOAT_EQ(mode2.green, 0.5f * 1.0107f);
-    EXPECT_FLOAT_EQ(AdjustGains({0.5f, 0.5f, 0.5f}, 7).red, 0.5f);
-}
+// Warmth (2, 5) and channel gains (6) become ramps; the channel settings come from the generic get.
+TEST_F(ServerTest, RampsAndChannelSettingsGoThroughTheServer) {
+    FakeGfxServer& server = SharedGfxServer();
+    const struct {
+        uint32_t code, size;
+        std::array<float, 5> in;      // a WarmthRequest (warmth, blue cut) unless the code is 6
+        std::array<uint16_t, 3> top;  // entry 255 of red, green and blue; zeros: refused, no ramp sent
+    } cases[] = {{5, 8, {128, 0}, {65535, 65535, 65535}},         {5, 7, {128, 0}, {}},
+                 {2, 0, {255, 0}, {61634, 61634, 65535}},         {2, 0, {300, 0}, {61634, 61634, 65535}},
+                 {5, 8, {0, 0}, {65535, 65535, 55705}},           {5, 8, {128, 255}, {65535, 65535, 53739}},
+                 {6, 20, {1, .5f, 1, 255, 0}, {65535, 32768, 0}}, {6, 19, {1, 1, 1, 0, 0}, {}},
+                 {6, 20, {1, 1, 1, 127.9f, .5f}, {65535, 65535, 49215}},
+                 {6, 20, {.8f, 1, 1, 300, .25f}, {52428, 65535, 16384}}, {7, 20, {1, 1, 1, 0, 0}, {}}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << "code " << c.code << " size " << c.size << " first " << c.in[0]);
+        uint32_t in[5];
+        std::memcpy(in, c.in.data(), sizeof(in));
+        if (c.code != HAL_DISPLAY_CHANNEL_GAINS) in[0] = uint32_t(c.in[0]), in[1] = uint32_t(c.in[1]);
+        server.lastRamp.fill(0);
+        ASSERT_EQ(Set(c.code, in, c.size), c.top[0] != 0 ? 1u : 0u);
+        EXPECT_EQ((std::array{server.lastRamp[255], server.lastRamp[511], server.lastRamp[767]}), c.top);
+    }
+    EXPECT_EQ(server.rampId, 42u) << "the server's identifier of the screen";
+    EXPECT_EQ(server.lastName, L"\\\\.\\DISPLAY1");
+    EXPECT_EQ(server.rampSize, 1536u);
+    const WarmthRequest neutral{128, 0};
+    ASSERT_EQ(Set(HAL_DISPLAY_WARMTH, &neutral, 8), 1u);
+    for (int i = 0; i < 768; ++i) ASSERT_EQ(server.lastRamp[i], (i % 256) * 257) << "a linear ramp, entry " << i;
 
-// ------------------------------------------------- graphics-driver server
-
-// The server back end is process-wide once chosen, so one test walks it.
-TEST(DisplayColorServer, IntelAdapterUsesTheServerForRampsSettingsAndBrightness) {
-    FakeDeviceTree tree;
-    tree.Add(FakeDevice(kDisplayClass).Ids({L"PCI\\VEN_8086"}).Desc(L"Intel(R) UHD Graphics"));
-    FakeWmi wmi;
-    ImportPatch noDxgi = torvex::test::WithoutDxgi();
-    FakeGfxServer& gfx = SharedGfxServer();
-    ComClassRegistration server(kGfxServerClass, [](REFIID iid, void** out) { return SharedGfxServer().QueryInterface(iid, out); });
-    FakePower power;
-
-    void* out = reinterpret_cast<void*>(0x1234);
-    ASSERT_EQ(HalInit(HAL_CLASS_DISPLAY, &out), 1u);
-    EXPECT_EQ(out, reinterpret_cast<void*>(0x1234)) << "the server back end hands out no context";
-
-    // Warmth 128 without blue cut: a linear ramp for display 42.
-    WarmthRequest warmth{128, 0};
-    uint32_t returned = 0;
-    ASSERT_EQ(HalSetInformation(HAL_CLASS_DISPLAY, nullptr, HAL_DISPLAY_WARMTH, &warmth, 8, &returned, 0), 1u);
-    EXPECT_EQ(gfx.rampId, 42u);
-    EXPECT_EQ(gfx.rampSize, 1536u);
-    EXPECT_EQ(gfx.lastRamp, RampFromMatrix(WarmthMatrix(128, 0), false));
-    EXPECT_EQ(gfx.lastName.rfind(L"\\\\.\\DISPLAY", 0), 0u);
-    EXPECT_EQ(HalSetInformation(HAL_CLASS_DISPLAY, nullptr, HAL_DISPLAY_WARMTH, &warmth, 7, &returned, 0), 0u);
-
-    ChannelGainRequest gains{1.0f, 0.5f, 1.0f, 255.0f, 0.0f};
-    ASSERT_EQ(HalSetInformation(HAL_CLASS_DISPLAY, nullptr, HAL_DISPLAY_CHANNEL_GAINS, &gains, 20, &returned, 0), 1u);
-    EXPECT_EQ(gfx.lastRamp[255], 65535);
-    EXPECT_EQ(gfx.lastRamp[256 + 255], 32768);
-    EXPECT_EQ(gfx.lastRamp[512 + 255], 0) << "full level without strength removes blue";
-
-    uint32_t settings[9] = {};
-    ASSERT_EQ(HalQueryInformation(HAL_CLASS_DISPLAY, nullptr, HAL_DISPLAY_TEMPERATURE, settings, 36, &returned), 1u);
+    uint32_t settings[10], returned = 0xBAD;
+    std::memset(settings, 0xEE, sizeof(settings));
+    ASSERT_EQ(Query(HAL_DISPLAY_TEMPERATURE, settings, 36, &returned), 1u);
     EXPECT_EQ(returned, 36u);
-    for (uint32_t i = 0; i < 9; ++i) EXPECT_EQ(settings[i], i);
-    uint32_t header[2];
-    std::memcpy(header, gfx.request, 8);
-    EXPECT_EQ(header[0], 1u);
-    EXPECT_EQ(header[1], 42u);
-    EXPECT_EQ(gfx.request[88], 2);
-    EXPECT_EQ(gfx.requestSize, 92u);
-
-    // Brightness through the power scheme: AC, unknown (255) and DC.
-    const std::pair<BYTE, uint32_t> sources[] = {{1, 70}, {255, 70}, {0, 30}};
-    for (const auto& [acLine, expected] : sources) {
-        power.acLine = acLine;
-        BrightnessRange range{};
-        ASSERT_EQ(HalQueryInformation(HAL_CLASS_DISPLAY, nullptr, HAL_DISPLAY_BRIGHTNESS, &range, 20, &returned), 1u);
-        EXPECT_EQ(range.current, expected);
-        EXPECT_EQ(range.maximum, 100u);
-        EXPECT_EQ(returned, 20u);
+    for (uint32_t i = 0; i < 10; ++i) EXPECT_EQ(settings[i], i < 9 ? i : 0xEEEEEEEE) << "request offset " << 44 + 4 * i;
+    EXPECT_EQ(server.requestId, (GUID{0xF64A0177, 0x1CBC, 0x46D8, {0x99, 0x82, 0x85, 0xFD, 0x1D, 0x59, 0xB9, 0xB1}}));
+    uint8_t request[92] = {1, 0, 0, 0, 42};
+    request[88] = 2;
+    EXPECT_EQ(server.requestSize, 92u);
+    EXPECT_EQ(std::memcmp(server.request, request, 92), 0) << "1, the display, zeros, 2 at 88";
+    // Refusals: no room, no buffer, no count, the AMD library's codes, a failed get, no display device.
+    const struct {
+        uint32_t code, size;
+        bool buffer, count, screen;
+        uint32_t status;  // the get's answer
+    } refusals[] = {{2, 35, true, true, true, 0}, {2, 36, false, true, true, 0}, {2, 36, true, false, true, 0},
+                    {0, 40, true, true, true, 0}, {1, 40, true, true, true, 0}, {4, 40, true, true, true, 0},
+                    {2, 36, true, true, true, 3}, {2, 36, true, true, false, 0}};
+    for (const auto& r : refusals) {
+        server.requestStatus = r.status;
+        if (!r.screen) Profile()["display"]["devices"] = Json::array();
+        std::memset(settings, 0xEE, sizeof(settings));
+        returned = 0xBAD;
+        EXPECT_EQ(Query(r.code, r.buffer ? settings : nullptr, r.size, r.count ? &returned : nullptr), 0u)
+            << &r - refusals;
+        EXPECT_EQ(settings[0], 0xEEEEEEEEu);
+        EXPECT_EQ(returned, 0xBADu);
     }
-    BrightnessRange small{};
-    EXPECT_EQ(HalQueryInformation(HAL_CLASS_DISPLAY, nullptr, HAL_DISPLAY_BRIGHTNESS, &small, 19, &returned), 0u);
+}
 
-    // The range is checked only for inputs shorter than 4 bytes.
-    power.acLine = 1;
-    uint32_t value = 150;
-    EXPECT_EQ(HalSetInformation(HAL_CLASS_DISPLAY, nullptr, HAL_DISPLAY_BRIGHTNESS, &value, 4, &returned, 0), 1u);
-    EXPECT_EQ(power.written, 150u);
-    EXPECT_TRUE(power.wroteAc);
-    EXPECT_EQ(HalSetInformation(HAL_CLASS_DISPLAY, nullptr, HAL_DISPLAY_BRIGHTNESS, &value, 2, &returned, 0), 0u);
-    value = 80;
-    power.acLine = 0;
-    EXPECT_EQ(HalSetInformation(HAL_CLASS_DISPLAY, nullptr, HAL_DISPLAY_BRIGHTNESS, &value, 0, &returned, 0), 1u);
-    EXPECT_TRUE(power.wroteDc);
-    EXPECT_EQ(power.written, 80u);
+DWORD WINAPI RefuseApply(HKEY, const GUID*) { return 5; }
+DWORD WINAPI RefuseWrite(HKEY, const GUID*, const GUID*, const GUID*, DWORD) { return 5; }
 
-    DebugCapture debug;
-    power.setResult = 5;
-    EXPECT_EQ(HalSetInformation(HAL_CLASS_DISPLAY, nullptr, HAL_DISPLAY_BRIGHTNESS, &value, 4, &returned, 0), 0u);
-    EXPECT_EQ(debug.Messages(), std::vector<std::wstring>{L"[DpSetInformation] PowerSetActiveScheme Result:5"
-                                                          L"(`anonymous-namespace'::SetLight)\n"});
-    EXPECT_EQ(HalQueryInformation(HAL_CLASS_DISPLAY, nullptr, HAL_DISPLAY_COLOR_CAPS, settings, 4, &returned), 0u)
-        << "capabilities are the AMD library's";
+// Brightness is the active power scheme's value for the current power source (AC unless offline);
+// the range is checked only for inputs shorter than 4 bytes; failures go to the debug channel.
+TEST_F(ServerTest, BrightnessReadsAndWritesThePowerScheme) {
+    const struct {
+        bool set;
+        uint32_t value, size, acLine;
+        Json power;          // merged into the captured power answers
+        const char* inject;  // a call that fails with 5
+        uint32_t answer;     // the brightness read or stored; 0: refused
+        size_t calls;        // how many of: active scheme, status, read or write, apply
+        const wchar_t* message;
+    } cases[] = {
+        {false, 0, 20, 1, {}, nullptr, 70, 3, nullptr},  {false, 0, 20, 0, {}, nullptr, 30, 3, nullptr},
+        {false, 0, 19, 1, {}, nullptr, 0, 0, nullptr},   {true, 150, 4, 1, {}, nullptr, 150, 4, nullptr},
+        {true, 150, 2, 1, {}, nullptr, 0, 0, nullptr},   {true, 80, 0, 0, {}, nullptr, 80, 4, nullptr},
+        {true, 100, 3, 255, {}, nullptr, 100, 4, nullptr},
+        {false, 0, 20, 1, {{"status", {{"error", 31}}}}, nullptr, 0, 2, L"GetSystemPowerStatus Result:31"},
+        {true, 50, 4, 1, {{"status", {{"error", 31}}}}, nullptr, 0, 2, L"GetSystemPowerStatus Result:31"},
+        {false, 0, 20, 1, {{"scheme", {{"values", nullptr}}}}, nullptr, 0, 3, L"PowerReadACValueIndex Result:2"},
+        {false, 0, 20, 0, {{"scheme", {{"values", nullptr}}}}, nullptr, 0, 3, L"PowerReadDCValueIndex Result:2"},
+        {true, 50, 4, 1, {{"scheme", {{"error", 5}, {"active", nullptr}}}}, nullptr, 0, 1,
+         L"PowerGetActiveScheme Result:5"},
+        {true, 50, 4, 1, {}, "PowerSetActiveScheme", 0, 3, L"PowerSetActiveScheme Result:5"},
+        {true, 50, 4, 1, {}, "PowerWriteACValueIndex", 0, 2, L"PowerWriteACValueIndex Result:5"},
+        {true, 50, 4, 0, {}, "PowerWriteDCValueIndex", 0, 2, L"PowerWriteDCValueIndex Result:5"}};
+    const Json captured = Profile()["power"];
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << "case " << &c - cases);
+        Json& power = Profile()["power"] = captured;
+        power["status"]["ac_line_status"] = c.acLine;
+        if (c.power.is_object()) power.merge_patch(c.power);
+        std::optional<ImportPatch> inject;
+        if (c.inject != nullptr)
+            inject.emplace(std::string(c.inject) == "PowerSetActiveScheme" ? Redirect(c.inject, &RefuseApply)
+                                                                           : Redirect(c.inject, &RefuseWrite));
+        machine.trace.Clear();
+        DebugCapture debug;
+        uint32_t range[6], returned = 0xBAD;
+        std::memset(range, 0xEE, sizeof(range));
+        const uint32_t result = c.set ? Set(HAL_DISPLAY_BRIGHTNESS, &c.value, c.size)
+                                      : Query(HAL_DISPLAY_BRIGHTNESS, range, c.size, &returned);
+        EXPECT_EQ(result, c.answer != 0 ? 1u : 0u);
+        const std::string side = c.acLine != 0 ? "ac" : "dc", setting = side + " " + kBrightness;
+        Strings calls = {"active scheme", "power status", "read " + setting, "apply scheme"};
+        if (c.set) calls[2] = "write " + setting + " = " + std::to_string(c.value);
+        calls.resize(c.calls);
+        if (c.calls > 1) calls.push_back("free scheme");  // the scheme was obtained: it goes back
+        EXPECT_EQ(machine.Asked("power"), calls);
+        const std::wstring message = std::wstring(c.set ? L"[DpSetInformation] " : L"[DpQueryInformation] ") +
+                                     (c.message != nullptr ? c.message : L"") + L"(`anonymous-namespace'::" +
+                                     (c.set ? L"SetLight)\n" : L"QueryLight)\n");
+        EXPECT_EQ(debug.Messages(), c.message != nullptr ? std::vector{message} : std::vector<std::wstring>{});
+        if (c.set && c.answer != 0) { EXPECT_EQ(power["scheme"]["values"][kBrightness][side], c.answer); }
+        const bool read = !c.set && c.answer != 0;
+        EXPECT_EQ(returned, read ? 20u : 0xBADu);
+        const std::vector<uint32_t> unwritten(6, 0xEEEEEEEE), answered = {c.answer, 0, 0, 100, 0, 0xEEEEEEEE};
+        EXPECT_EQ(std::vector<uint32_t>(range, range + 6), read ? answered : unwritten);
+    }
 }
 
 }  // namespace

@@ -1,133 +1,125 @@
-// Display colour on the AMD Display Library back end, against a stand-in
-// atiadlxx.dll placed in the system directory. A program of its own: the
-// back end, once chosen, stays for the process.
+// Display colour on the AMD Display Library back end: a desktop whose first named adapter is AMD's, with a
+// stand-in atiadlxx.dll handed out where the library looks for it. A program of its own: the library stays loaded.
 #include <windows.h>
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <string>
+#include <cstring>
 
-#include "support/fake_graphics.h"
-#include "support/fake_setupapi.h"
-#include "support/fake_wmi.h"
+#include "support/simulated_machine.h"
 #include "support/torvex_test.h"
 
-using torvex::test::FakeDevice;
-using torvex::test::kDisplayClass;
-using torvex::test::FakeDeviceTree;
-using torvex::test::FakeWmi;
-using torvex::test::ImportPatch;
+using namespace torvex::test;
 
 namespace {
 
-struct AdlStandInState {
-    int caps;
-    int valid;
-    int range[5];
-    int colorSets;
-    int lastSetType;
-    int lastSetValue;
-    int sourceSets;
-    int lastSource;
-    int contextsOpen;
+struct AdlStandInState {  // as adl_stand_in.c declares it
+    int caps = 0, valid = 0, range[5] = {};
+    int contextsOpen = 0, createFlags = 0;
+    int lastGetType = 0, colorSets = 0, lastSetType = 0, lastSetValue = 0, sourceSets = 0, lastSource = 0;
 };
 
+std::wstring g_asked;  // the path the AMD library was loaded from
+ImportPatch* g_load = nullptr;
 
-
-std::wstring SystemCopy() {
-    wchar_t directory[MAX_PATH] = {};
-    GetSystemDirectoryW(directory, MAX_PATH);
-    return std::wstring(directory) + L"\\atiadlxx.dll";
+HMODULE WINAPI LoadStandIn(LPCWSTR path) {
+    if (std::wstring(path).find(L"atiadlxx") == std::wstring::npos)
+        return g_load->Original<decltype(&LoadLibraryW)>()(path);
+    g_asked = path;
+    return LoadLibraryW((ProgramDirectory() + L"\\atiadlxx.dll").c_str());
 }
 
 class AdlTest : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() {
-        ASSERT_TRUE(CopyFileW((torvex::test::ProgramDirectory() + L"\\atiadlxx.dll").c_str(), SystemCopy().c_str(),
-                              FALSE));
-    }
-    static void TearDownTestSuite() { DeleteFileW(SystemCopy().c_str()); }
-
     void SetUp() override {
-        tree.Add(FakeDevice(kDisplayClass).Ids({L"PCI\\VEN_8086"}).Desc(L"Some Display"));
-        tree.Add(FakeDevice(kDisplayClass).Ids({L"PCI\\VEN_1002"}).Desc(L"AMD Radeon(TM) Graphics"));
-        tree.Add(FakeDevice(kDisplayClass).Ids({L"PCI\\VEN_8086&DEV_1"}).Desc(L"Intel(R) UHD Graphics"));
+        g_load = &load;
+        void* out = nullptr;
+        ASSERT_EQ(HalInit(HAL_CLASS_DISPLAY, &out), 1u);
+        ASSERT_NE(context = static_cast<DisplayColorContext*>(out), nullptr);
+        state = reinterpret_cast<AdlStandInState*>(GetProcAddress(GetModuleHandleW(L"atiadlxx.dll"), "g_state"));
+        ASSERT_NE(state, nullptr);
+        // The first mapped display of its own adapter; the library from the system directory.
+        const DisplayColorContext expected{16, 1, 7, 5};
+        EXPECT_EQ(std::memcmp(context, &expected, 16), 0);
+        wchar_t system[MAX_PATH] = {};
+        GetSystemDirectoryW(system, MAX_PATH);
+        EXPECT_EQ(g_asked, std::wstring(system) + L"\\atiadlxx.dll");
+        EXPECT_EQ(state->createFlags, 11) << "contexts are created enumerating adapters, thread-safe";
+        EXPECT_EQ(state->contextsOpen, 0) << "every ADL context is destroyed";
+        *state = AdlStandInState{.caps = 0x11, .valid = 0xFFFF, .range = {6500, 6500, 5000, 9000, 100}};
+        pair = &context->adapterIndex;
     }
-    AdlStandInState* State() {
-        auto get = reinterpret_cast<AdlStandInState* (*)()>(
-            reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"atiadlxx.dll"), "AdlStandIn")));
-        return get != nullptr ? get() : nullptr;
+    void TearDown() override {
+        if (state != nullptr) { EXPECT_EQ(state->contextsOpen, 0) << "every ADL context is destroyed"; }
+        ExpectNothingHeld();
+        std::free(context);
     }
 
-    FakeDeviceTree tree;
-    FakeWmi wmi;
-    ImportPatch noDxgi = torvex::test::WithoutDxgi();
+    SimulatedMachine machine{MachineFile{"amd-radeon-desktop"}};
+    ImportPatch load = Redirect("LoadLibraryW", &LoadStandIn);
+    DisplayColorContext* context = nullptr;
+    AdlStandInState* state = nullptr;
+    void* pair = nullptr;  // what the host passes: the adapter and display indices
 };
 
-TEST_F(AdlTest, TheFirstAmdAdapterChoosesTheLibraryAndItsMappedDisplay) {
-    void* out = nullptr;
-    ASSERT_EQ(HalInit(HAL_CLASS_DISPLAY, &out), 1u);
-    auto* context = static_cast<DisplayColorContext*>(out);
-    ASSERT_NE(context, nullptr);
-    EXPECT_EQ(context->size, 16u);
-    EXPECT_EQ(context->count, 1u);
-    EXPECT_EQ(context->adapterIndex, 7);
-    EXPECT_EQ(context->displayIndex, 5);
-    AdlStandInState* state = State();
-    ASSERT_NE(state, nullptr);
-    EXPECT_EQ(state->contextsOpen, 0) << "every ADL context is destroyed";
-    void* pair = &context->adapterIndex;
-
-    uint32_t caps = 0;
-    uint32_t returned = 0;
-    ASSERT_EQ(HalQueryInformation(HAL_CLASS_DISPLAY, pair, HAL_DISPLAY_COLOR_CAPS, &caps, 4, &returned), 1u);
-    EXPECT_EQ(caps, 0x11u);
-    ColorRange range{};
-    ASSERT_EQ(HalQueryInformation(HAL_CLASS_DISPLAY, pair, HAL_DISPLAY_TEMPERATURE, &range, 20, &returned), 1u);
-    EXPECT_EQ(range.maximum, 9000);
-    EXPECT_EQ(HalQueryInformation(HAL_CLASS_DISPLAY, pair, HAL_DISPLAY_TEMPERATURE, &range, 19, &returned), 0u);
-
-    // Kelvin from the level, written back; the upper clamp is the range's constant.
-    struct Case {
-        int32_t level, rangeSelector, minimum;
-        int32_t writtenBack, applied;
-    };
-    const Case cases[] = {{128, 0, 5000, 6500, 6500}, {255, 0, 5000, 8000, 8000}, {0, 0, 5600, 5000, 5600},
-                          {300, 0, 5000, 8500, 8000}, {255, 1, 3000, 6000, 6000}};
-    for (const Case& c : cases) {
-        state->range[2] = c.minimum;
-        ColorTemperatureRequest request{c.level, c.rangeSelector};
-        uint32_t arg5 = 0;
-        ASSERT_EQ(HalSetInformation(HAL_CLASS_DISPLAY, pair, HAL_DISPLAY_TEMPERATURE, &request, 8, &arg5, 0), 1u);
-        EXPECT_EQ(request.level, c.writtenBack);
-        EXPECT_EQ(state->lastSetValue, c.applied);
-        EXPECT_EQ(state->lastSetType, 16);
-        EXPECT_EQ(state->lastSource, 64);
+TEST_F(AdlTest, QueriesNeedTheCapabilityAndTheRoom) {
+    const struct {
+        uint32_t code, size;
+        int caps, valid, type;  // type: of the colour read (-1: refused; 0: the capabilities are the answer)
+    } cases[] = {{0, 4, 0x13, 0x11, 0},   {0, 3, 0x13, 0x11, -1},  {2, 20, 0x11, 0xFF, 16}, {2, 19, 0x11, 0xFF, -1},
+                 {2, 20, 0x01, 0xFF, -1}, {2, 20, 0x10, 0x01, -1}, {3, 20, 0x01, 0xFF, 1},  {3, 20, 0x10, 0xFF, -1},
+                 {1, 20, 0xFF, 0xFF, -1}, {4, 20, 0xFF, 0xFF, -1}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << "code " << c.code << " caps " << c.caps << " size " << c.size);
+        state->caps = c.caps, state->valid = c.valid, state->lastGetType = 0;
+        int buffer[6];
+        std::memset(buffer, 0xEE, sizeof(buffer));
+        uint32_t returned = 0xBAD;
+        const uint32_t bytes = c.type < 0 ? 0 : c.type == 0 ? 4 : 20;
+        ASSERT_EQ(HalQueryInformation(HAL_CLASS_DISPLAY, pair, c.code, buffer, c.size, &returned), bytes ? 1u : 0u);
+        EXPECT_EQ(returned, bytes != 0 ? bytes : 0xBADu);
+        EXPECT_EQ(state->lastGetType, std::max(c.type, 0)) << "the colour type read";
+        if (c.type == 0) { EXPECT_EQ(buffer[0], c.caps & c.valid); }
+        if (c.type > 0) { EXPECT_EQ(std::memcmp(buffer, state->range, 20), 0); }
+        EXPECT_EQ(buffer[bytes / 4], static_cast<int>(0xEEEEEEEE)) << "nothing written past the answer";
     }
-    state->range[2] = 5000;
+    uint32_t caps = 0, returned = 0;
+    EXPECT_EQ(HalQueryInformation(HAL_CLASS_DISPLAY, nullptr, 0, &caps, 4, &returned), 0u) << "no pair, no answer";
+    EXPECT_EQ(HalQueryInformation(HAL_CLASS_DISPLAY, pair, 0, nullptr, 4, &returned), 0u);
+    EXPECT_EQ(HalQueryInformation(HAL_CLASS_DISPLAY, pair, 0, &caps, 4, nullptr), 0u);
+}
 
-    const int sources = state->sourceSets;
-    ColorTemperatureRequest brightness{255, 0};
+// Kelvin from the level over 5000-8000 K (range 0) or 4000-6000 K, rounded down to hundreds and written back; the
+// upper clamp is the range's constant, not the driver's maximum (9000 here). Code 3 applies it as brightness.
+TEST_F(AdlTest, SetsApplyKelvinFromTheLevel) {
+    const struct {
+        uint32_t code;
+        int32_t level, range, minimum, caps, writtenBack, applied, type;  // applied 0: refused, nothing set
+    } cases[] = {{2, 128, 0, 5000, 0x11, 6500, 6500, 16}, {2, 255, 0, 5000, 0x11, 8000, 8000, 16},
+                 {2, 0, 0, 5600, 0x11, 5000, 5600, 16},   {2, 300, 0, 5000, 0x11, 8500, 8000, 16},
+                 {2, 255, 1, 3000, 0x11, 6000, 6000, 16}, {2, 100, 3, 3000, 0x11, 4700, 4700, 16},
+                 {5, 0, 0, 5000, 0x11, 5000, 5000, 16},   {3, 255, 0, 5000, 0x11, 8000, 8000, 1},
+                 {2, 128, 0, 5000, 0x01, 128, 0, 0},      {3, 128, 0, 5000, 0x10, 128, 0, 0},
+                 {6, 128, 0, 5000, 0x11, 128, 0, 0}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << "code " << c.code << " level " << c.level << " range " << c.range);
+        *state = AdlStandInState{.caps = c.caps, .valid = 0xFF, .range = {6500, 6500, c.minimum, 9000, 100}};
+        ColorTemperatureRequest request{c.level, c.range};
+        uint32_t arg5 = 0xBAD;
+        EXPECT_EQ(HalSetInformation(HAL_CLASS_DISPLAY, pair, c.code, &request, 8, &arg5, 0), c.applied ? 1u : 0u);
+        // The request written back; sets, value and type applied; the temperature's source (64, user); contexts open.
+        EXPECT_EQ((std::vector<int>{request.level, request.range, int(arg5), state->colorSets, state->lastSetValue,
+                                    state->lastSetType, state->sourceSets, state->lastSource, state->contextsOpen}),
+                  (std::vector<int>{c.writtenBack, c.range, 0xBAD, c.applied != 0, c.applied, c.type, c.type == 16,
+                                    c.type == 16 ? 64 : 0, 0}));
+    }
+    ColorTemperatureRequest request{128, 0};
     uint32_t arg5 = 0;
-    ASSERT_EQ(HalSetInformation(HAL_CLASS_DISPLAY, pair, HAL_DISPLAY_BRIGHTNESS, &brightness, 8, &arg5, 0), 1u);
-    EXPECT_EQ(state->lastSetType, 1) << "brightness runs the same computation on colour type 1";
-    EXPECT_EQ(state->sourceSets, sources) << "only the temperature sets the source";
-
-    ColorTemperatureRequest warmth{0, 0};
-    ASSERT_EQ(HalSetInformation(HAL_CLASS_DISPLAY, pair, HAL_DISPLAY_WARMTH, &warmth, 8, &arg5, 0), 1u);
-    EXPECT_EQ(state->lastSetType, 16) << "code 5 is code 2 here";
-    EXPECT_EQ(HalSetInformation(HAL_CLASS_DISPLAY, pair, HAL_DISPLAY_TEMPERATURE, &warmth, 8, nullptr, 0), 0u);
-
-    state->caps = 0x01;  // no temperature capability
-    const int sets = state->colorSets;
-    EXPECT_EQ(HalSetInformation(HAL_CLASS_DISPLAY, pair, HAL_DISPLAY_TEMPERATURE, &warmth, 8, &arg5, 0), 0u);
-    EXPECT_EQ(HalQueryInformation(HAL_CLASS_DISPLAY, pair, HAL_DISPLAY_TEMPERATURE, &range, 20, &returned), 0u);
-    EXPECT_EQ(state->colorSets, sets);
-    EXPECT_EQ(HalQueryInformation(HAL_CLASS_DISPLAY, nullptr, HAL_DISPLAY_COLOR_CAPS, &caps, 4, &returned), 0u)
-        << "the library needs the pair";
-    EXPECT_EQ(state->contextsOpen, 0);
-    std::free(context);
+    EXPECT_EQ(HalSetInformation(HAL_CLASS_DISPLAY, pair, HAL_DISPLAY_TEMPERATURE, &request, 8, nullptr, 0), 0u);
+    EXPECT_EQ(HalSetInformation(HAL_CLASS_DISPLAY, pair, HAL_DISPLAY_TEMPERATURE, nullptr, 8, &arg5, 0), 0u);
+    EXPECT_EQ(HalSetInformation(HAL_CLASS_DISPLAY, nullptr, HAL_DISPLAY_TEMPERATURE, &request, 8, &arg5, 0), 0u);
+    EXPECT_EQ(state->colorSets, 0);
 }
 
 }  // namespace

@@ -25,11 +25,12 @@ HRESULT FakeGfxServer::SetGammaRamp(uint32_t id, uint32_t size, void* ramp, uint
     return S_OK;
 }
 
-HRESULT FakeGfxServer::GetGeneric(const GUID&, uint32_t size, void* data, uint32_t* status) {
+HRESULT FakeGfxServer::GetGeneric(const GUID& id, uint32_t size, void* data, uint32_t* status) {
+    requestId = id;
     requestSize = size;
     std::memcpy(request, data, sizeof(request));
     for (uint32_t i = 0; i < 9; ++i) std::memcpy(static_cast<uint8_t*>(data) + 44 + 4 * i, &i, 4);
-    *status = 0;
+    *status = requestStatus;
     return S_OK;
 }
 
@@ -42,18 +43,6 @@ HRESULT FakeGfxServer::QueryInterface(REFIID iid, void** out) {
     *out = nullptr;
     return E_NOINTERFACE;
 }
-
-namespace {
-
-HMODULE WINAPI LoadAnythingButDxgi(LPCWSTR path) {
-    const std::wstring text(path);
-    if (text.size() >= 9 && _wcsicmp(text.c_str() + text.size() - 9, L"\\dxgi.dll") == 0) return nullptr;
-    return ::LoadLibraryW(path);
-}
-
-}  // namespace
-
-ImportPatch WithoutDxgi() { return Redirect("LoadLibraryW", &LoadAnythingButDxgi); }
 
 FakeGfxServer& SharedGfxServer() {
     static FakeGfxServer* server = new FakeGfxServer();

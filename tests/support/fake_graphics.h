@@ -50,11 +50,9 @@ struct FakeGfxServer : IUnknown {
     int ramps = 0;
     std::array<uint16_t, 768> lastRamp{};
     uint8_t request[92] = {};
+    GUID requestId{};             // the generic get's request GUID
+    uint32_t requestStatus = 0;   // the status it answers
 };
-
-// Torvex.dll's LoadLibraryW finds no dxgi.dll (every other library loads for
-// real), so adapters come from the device tree alone.
-ImportPatch WithoutDxgi();
 
 // The process's one server object (the library keeps its pointer for good).
 FakeGfxServer& SharedGfxServer();
