@@ -59,21 +59,22 @@ const std::pair<SelectFn, std::wstring> kDefaults[] = {{Str, L""}, {StrA, L""}, 
 
 HRESULT WINAPI NoLocator(REFCLSID, LPUNKNOWN, DWORD, REFIID, void** out) { *out = nullptr; return REGDB_E_CLASSNOTREG; }
 
-// After every test no WMI object is held, nor "MutexWMI": another thread takes it at once
-// (other programs hold it for a moment at most). Over the suite no handle is left open.
+// "MutexWMI" is kept open as another process would: after every test, another thread
+// takes it at once (other programs hold it for a moment at most), and no WMI object is
+// held. Over the suite no handle is left open.
 class HalWmiTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() { handles_ = torvex::test::OpenHandleCount(); }
     static void TearDownTestSuite() { EXPECT_EQ(torvex::test::OpenHandleCount(), handles_) << "a handle left open"; }
+    void SetUp() override { mutex_ = CreateMutexW(nullptr, FALSE, L"MutexWMI"); }
     void TearDown() override {
         torvex::test::ExpectNothingHeld();
-        HANDLE mutex = OpenMutexW(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, L"MutexWMI");
-        if (mutex == nullptr) return;
         DWORD waited = WAIT_FAILED;
-        std::thread([&] { waited = WaitForSingleObject(mutex, 2000); ReleaseMutex(mutex); }).join();
+        std::thread([&] { waited = WaitForSingleObject(mutex_, 2000); ReleaseMutex(mutex_); }).join();
         EXPECT_EQ(waited, static_cast<DWORD>(WAIT_OBJECT_0)) << "MutexWMI is still held";
-        CloseHandle(mutex);
+        CloseHandle(mutex_);
     }
+    HANDLE mutex_ = nullptr;
     static inline DWORD handles_ = 0;
 };
 
@@ -154,43 +155,6 @@ TEST(HalWmiStrings, AStringThatCannotBeAllocatedRunsNoQuery) {
     refusal.Refuse(L"");
     EXPECT_TRUE(query.SelectUintForCpuCacheL1AndL2(kQuery, L"Thing") == 7 && refusal.LiveStrings() == 0);
     torvex::test::ExpectNothingHeld();
-}
-
-// COM pairing, counted at Torvex.dll's CoUninitialize import.
-std::atomic<int> g_uninitialized{0};
-void WINAPI CountingCoUninitialize() {
-    ++g_uninitialized;
-    CoUninitialize();
-}
-
-// Every copy that carries the flag uninitialises once; an object in a
-// single-threaded apartment works there (on Wine's own WMI) and owes nothing.
-TEST(HalWmiOnWine, EveryObjectPairsItsComInitialisation) {
-    auto patch = torvex::test::Redirect("CoUninitialize", &CountingCoUninitialize);
-    {
-        HalWmi first(kCimv2);  // the test thread is in the MTA: S_FALSE, owed
-        HalWmi second(first);
-        HalWmi third(L"ROOT\\WMI");
-        third = first;
-    }
-    EXPECT_EQ(g_uninitialized.exchange(0), 3);
-    CoInitializeEx(nullptr, COINIT_MULTITHREADED);  // the copy's extra uninitialisation was the test thread's own
-    wchar_t name[256] = {};
-    DWORD size = sizeof(name);
-    ASSERT_EQ(RegGetValueW(HKEY_LOCAL_MACHINE, L"HARDWARE\\DESCRIPTION\\System\\CentralProcessor\\0",
-                           L"ProcessorNameString", RRF_RT_REG_SZ, nullptr, name, &size), ERROR_SUCCESS);
-    std::thread([&] {
-        CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
-        {
-            HalWmi query(kCimv2);
-            EXPECT_EQ(query.SelectStr(L"SELECT Name FROM Win32_Processor", L"Name"), std::wstring(name));
-            EXPECT_NE(query.SelectUInt(L"SELECT NumberOfLogicalProcessors FROM Win32_Processor",
-                                       L"NumberOfLogicalProcessors"), 0xFFFFFFFFu);
-            EXPECT_EQ(query.SelectStr(L"SELECT Nothing FROM No_Such_Class", L"Nothing"), L"");
-        }
-        CoUninitialize();
-    }).join();
-    EXPECT_EQ(g_uninitialized, 0);
 }
 
 // ------------------------------------------------- the firmware method channel
@@ -355,6 +319,41 @@ TEST_F(HalWmiTest, AHolderDelaysACallByTheWaitAndNoMore) {
     holder.join();
     EXPECT_TRUE(waited >= 4900 && waited < 8000) << waited << " ms";
     for (HANDLE handle : {done, taken, held}) CloseHandle(handle);
+}
+
+// COM pairing, counted at Torvex.dll's CoUninitialize import.
+std::atomic<int> g_uninitialized{0};
+void WINAPI CountingCoUninitialize() {
+    ++g_uninitialized;
+    CoUninitialize();
+}
+
+// Every copy that carries the flag uninitialises once; an object in a
+// single-threaded apartment works there (on Wine's own WMI) and owes nothing.
+TEST(HalWmiOnWine, EveryObjectPairsItsComInitialisation) {
+    auto patch = torvex::test::Redirect("CoUninitialize", &CountingCoUninitialize);
+    std::thread([] {  // on a thread of its own in the MTA: every uninitialisation is that thread's
+        CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+        HalWmi first(kCimv2), second(first), third(L"ROOT\\WMI");  // S_FALSE: owed
+        third = first;
+    }).join();
+    EXPECT_EQ(g_uninitialized.exchange(0), 3);
+    wchar_t name[256] = {};
+    DWORD size = sizeof(name);
+    ASSERT_EQ(RegGetValueW(HKEY_LOCAL_MACHINE, L"HARDWARE\\DESCRIPTION\\System\\CentralProcessor\\0",
+                           L"ProcessorNameString", RRF_RT_REG_SZ, nullptr, name, &size), ERROR_SUCCESS);
+    std::thread([&] {
+        CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+        {
+            HalWmi query(kCimv2);
+            EXPECT_EQ(query.SelectStr(L"SELECT Name FROM Win32_Processor", L"Name"), std::wstring(name));
+            EXPECT_NE(query.SelectUInt(L"SELECT NumberOfLogicalProcessors FROM Win32_Processor",
+                                       L"NumberOfLogicalProcessors"), 0xFFFFFFFFu);
+            EXPECT_EQ(query.SelectStr(L"SELECT Nothing FROM No_Such_Class", L"Nothing"), L"");
+        }
+        CoUninitialize();
+    }).join();
+    EXPECT_EQ(g_uninitialized, 0);
 }
 
 }  // namespace
