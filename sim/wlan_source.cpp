@@ -104,6 +104,7 @@ Json* InterfaceEntry(Json* wlan, const GUID* guid) {
 
 DWORD WINAPI HookOpen(DWORD version, PVOID reserved, PDWORD negotiated, PHANDLE client) {
     Lock lock(Active().mutex);
+    const std::string asked = "version " + std::to_string(version);  // the client version asked for
     if (Active().live()) {
         const DWORD result = g_WlanOpenHandle(version, reserved, negotiated, client);
         if (result == ERROR_SUCCESS) {
@@ -114,14 +115,14 @@ DWORD WINAPI HookOpen(DWORD version, PVOID reserved, PDWORD negotiated, PHANDLE 
         } else {
             Keep({"wlan"}, Json{{"open_error", result}});
         }
-        Note("wlan", "open", result == 0 ? "opened" : "error " + std::to_string(result), result != 0);
+        Note("wlan", "open", result == 0 ? "opened" : "error " + std::to_string(result), result != 0, asked);
         return result;
     }
     const Json* wlan = Replayed({"wlan"});
     const DWORD result = wlan == nullptr ? kNoService : wlan->value("open_error", 0u);
     if (wlan != nullptr && result != 0) Keep({"wlan", "open_error"}, result);
     if (result != ERROR_SUCCESS) {
-        Note("wlan", "open", wlan == nullptr ? "not in the profile" : "error " + std::to_string(result), true);
+        Note("wlan", "open", wlan == nullptr ? "not in the profile" : "error " + std::to_string(result), true, asked);
         return result;
     }
     Keep({"wlan", "version"}, wlan->value("version", 2u));
@@ -129,7 +130,7 @@ DWORD WINAPI HookOpen(DWORD version, PVOID reserved, PDWORD negotiated, PHANDLE 
     HANDLE handle = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     g_clients.insert(handle);
     if (client != nullptr) *client = handle;
-    Note("wlan", "open", "opened", false);
+    Note("wlan", "open", "opened", false, asked);
     return ERROR_SUCCESS;
 }
 
@@ -248,26 +249,32 @@ DWORD WINAPI HookSet(HANDLE client, const GUID* guid, WLAN_INTF_OPCODE opcode, D
                      PVOID reserved) {
     Lock lock(Active().mutex);
     const std::string call = "switch radio of " + (guid != nullptr ? GuidText(*guid) : std::string("(none)"));
+    // The opcode, the size and the block's three words as the library passed them.
+    std::string detail = "opcode " + std::to_string(opcode) + ", size " + std::to_string(size);
+    if (data != nullptr && size >= sizeof(WLAN_PHY_RADIO_STATE)) {
+        const auto* words = static_cast<const DWORD*>(data);
+        detail += ", words " + std::to_string(words[0]) + " " + std::to_string(words[1]) + " " + std::to_string(words[2]);
+    }
     if (Unchangeable("wlan", call)) return ERROR_ACCESS_DENIED;
     if (Active().live()) {
         const DWORD result = g_WlanSetInterface(client, guid, opcode, size, data, reserved);
-        Note("wlan", call, result == 0 ? "switched" : "error " + std::to_string(result), result != 0);
+        Note("wlan", call, result == 0 ? "switched" : "error " + std::to_string(result), result != 0, detail);
         return result;
     }
     Json* item = InterfaceEntry(ReplayedForChange({"wlan"}), guid);
     if (item == nullptr || opcode != wlan_intf_opcode_radio_state || data == nullptr ||
         size < sizeof(WLAN_PHY_RADIO_STATE)) {
-        Note("wlan", call, "refused", true);
+        Note("wlan", call, "refused", true, detail);
         return ERROR_INVALID_PARAMETER;
     }
     if (item->contains("set_error")) {
-        Note("wlan", call, "error " + (*item)["set_error"].dump(), true);
+        Note("wlan", call, "error " + (*item)["set_error"].dump(), true, detail);
         return (*item)["set_error"].get<DWORD>();
     }
     const auto* wanted = static_cast<const WLAN_PHY_RADIO_STATE*>(data);
     for (Json& phy : (*item)["radio"])
         if (phy.value("phy", 0u) == wanted->dwPhyIndex) phy["software"] = Named(kRadio, wanted->dot11SoftwareRadioState);
-    Note("wlan", call, "switched", false);
+    Note("wlan", call, "switched", false, detail);
     return ERROR_SUCCESS;
 }
 
