@@ -65,7 +65,12 @@ HRESULT WINAPI NoLocator(REFCLSID, LPUNKNOWN, DWORD, REFIID, void** out) { *out 
 class HalWmiTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() { handles_ = torvex::test::OpenHandleCount(); }
-    static void TearDownTestSuite() { EXPECT_EQ(torvex::test::OpenHandleCount(), handles_) << "a handle left open"; }
+    static void TearDownTestSuite() {
+        // Wine closes a finished thread's objects a moment later: a leak stays, that does not.
+        DWORD handles = torvex::test::OpenHandleCount();
+        for (int retry = 0; retry < 10 && handles != handles_; ++retry, Sleep(100)) handles = torvex::test::OpenHandleCount();
+        EXPECT_EQ(handles, handles_) << "a handle left open";
+    }
     void SetUp() override { mutex_ = CreateMutexW(nullptr, FALSE, L"MutexWMI"); }
     void TearDown() override {
         torvex::test::ExpectNothingHeld();
@@ -186,7 +191,7 @@ struct Variant {
 };
 const Variant kVariants[] = {
     {"u64Input", {"put u64Input [VARIANT type 8, CIM type 21, text 3075] -> accepted"}, 8},
-    {"u8Input", {"put u64Input -> refused (0x80041002)", "put u8Input [VARIANT type 8209, CIM type 0] -> accepted"},
+    {"u8Input", {"put u64Input -> refused", "put u8Input [VARIANT type 8209, CIM type 0] -> accepted"},
      64}};
 
 class OemChannelTest : public HalWmiTest, public ::testing::WithParamInterface<Variant> {
