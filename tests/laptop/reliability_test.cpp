@@ -16,10 +16,10 @@
 // A handle of the program's own keeps "MutexWMI" in being, so that a holder the library forgot shows.
 const HANDLE g_firmwareMutex = CreateMutexW(nullptr, FALSE, L"MutexWMI");
 
-// True when another thread can take "MutexWMI" at once: no call left it held.
+// True when another thread can take "MutexWMI" (within two seconds: other programs hold it briefly): no call left it held.
 bool FirmwareMutexFree() {
     DWORD waited = WAIT_FAILED;
-    std::thread([&] { if ((waited = WaitForSingleObject(g_firmwareMutex, 0)) != WAIT_TIMEOUT) ReleaseMutex(g_firmwareMutex); }).join();
+    std::thread([&] { if ((waited = WaitForSingleObject(g_firmwareMutex, 2000)) != WAIT_TIMEOUT) ReleaseMutex(g_firmwareMutex); }).join();
     return waited == WAIT_OBJECT_0;
 }
 
