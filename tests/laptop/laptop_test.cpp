@@ -1,191 +1,112 @@
-// torvex.exe's commands run in-process over a fully faked laptop: the JSON
-// report names what the machine has, and every set command answers success,
-// refusal and usage errors with the right exit status and a confirmation.
-#include <windows.h>
+// torvex.exe's commands run in-process over the machine profiles (`torvex replay FILE ...`): each answers with its
+// exit status (0 done, 1 usage error, 2 refused), its words and the calls the library made; the JSON reports of the
+// Intel laptop and the AMD desktop are left beside the program for check_report.py.
 #include <fcntl.h>
 #include <io.h>
-#include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
-#include <string>
+#include <iterator>
 
-#include "support/fake_laptop.h"
+#include "support/simulated_machine.h"
+#include "support/torvex_test.h"
 #include "tool.h"
 
-using torvex::test::FakeLaptop;
+bool FirmwareMutexFree();  // reliability_test.cpp
 
 namespace {
 
-struct Outcome {
-    int status;
-    std::string out, err;
-};
+std::filesystem::path Beside(const std::wstring& file) { return torvex::test::ProgramDirectory() + L"\\" + file; }
 
-// Runs one command line with the C runtime's stdout and stderr sent to files.
-Outcome RunTool(std::vector<std::wstring> args) {
-    const std::wstring dir = torvex::test::ProgramDirectory();
-    const std::wstring paths[2] = {dir + L"\\laptop-stdout.txt", dir + L"\\laptop-stderr.txt"};
+// `torvex replay PROFILE ARGS...` with a fresh trace, standard output and error sent to one file; afterwards the
+// library holds nothing of the machine.
+std::pair<int, std::string> Replay(const std::wstring& profile, std::vector<std::wstring> args) {
+    tool::RunTrace().Clear();
+    args.insert(args.begin(), {L"replay", Beside(profile).wstring()});
+    const std::filesystem::path path = Beside(L"laptop-output.txt");
     std::fflush(stdout);
-    std::fflush(stderr);
-    int saved[2], files[2];
-    for (int i = 0; i < 2; ++i) {
-        saved[i] = _dup(1 + i);
-        files[i] = _wopen(paths[i].c_str(), _O_CREAT | _O_TRUNC | _O_WRONLY | _O_BINARY, _S_IREAD | _S_IWRITE);
-        _dup2(files[i], 1 + i);
-    }
-    // An exception out of the tool is a failure to see, not one to lose in the file.
-    Outcome outcome{-1, {}, {}};
-    std::string thrown;
+    const int saved[] = {_dup(1), _dup(2)}, file = _wopen(path.c_str(), _O_CREAT | _O_TRUNC | _O_WRONLY | _O_BINARY, 0600);
+    for (int fd : {1, 2}) _dup2(file, fd);
+    int status = -1;
     try {
-        outcome.status = tool::Run(std::move(args));
+        status = tool::Run(std::move(args));
     } catch (const std::exception& error) {
-        thrown = std::string("exception out of the tool: ") + error.what();
+        ADD_FAILURE() << "an exception out of the tool: " << error.what();  // into the output, which is shown
     }
-    std::fflush(stdout);
-    std::fflush(stderr);
-    std::string* texts[2] = {&outcome.out, &outcome.err};
-    for (int i = 0; i < 2; ++i) {
-        _dup2(saved[i], 1 + i);
-        _close(saved[i]);
-        _close(files[i]);
-        std::ifstream in(std::filesystem::path(paths[i]), std::ios::binary);
-        std::stringstream text;
-        text << in.rdbuf();
-        *texts[i] = text.str();
-    }
-    outcome.err += thrown;
-    return outcome;
+    std::fflush(stdout), std::fflush(stderr);
+    for (int fd : {1, 2}) _dup2(saved[fd - 1], fd), _close(saved[fd - 1]);
+    _close(file);
+    torvex::test::ExpectNothingHeld();
+    std::ifstream in(path, std::ios::binary);
+    return {status, std::string(std::istreambuf_iterator<char>(in), {})};
 }
 
-// Keeps a report beside the program, for check_report.py.
-void Keep(const std::string& text, const wchar_t* file) {
-    std::ofstream(std::filesystem::path(torvex::test::ProgramDirectory() + L"\\" + file), std::ios::binary) << text;
+// True when the trace holds "SOURCE CALL [DETAIL] -> OUTCOME" that starts with `start`.
+bool Traced(const std::string& start) {
+    for (const torvex::sim::Event& e : tool::RunTrace().Events())
+        if ((e.source + ' ' + e.call + (e.detail.empty() ? "" : " [" + e.detail + "]") + " -> " + e.outcome).rfind(start, 0) == 0)
+            return true;
+    return false;
 }
 
-class LaptopTest : public ::testing::Test {
-protected:
-    void TearDown() override { laptop.ExpectNothingLeft(); }
-    FakeLaptop laptop;
-};
+// `sent`: the start of a call in the trace (a usage error reaches nothing); `keep`: a file for the output.
+struct Case { const wchar_t* profile; std::vector<std::wstring> args; int status; const char *says, *sent; const wchar_t* keep = nullptr; };
 
-TEST_F(LaptopTest, JsonReportNamesWhatTheLaptopHas) {
-    const Outcome report = RunTool({L"report", L"--json"});
-    ASSERT_EQ(report.status, 0) << report.err;
-    Keep(report.out, L"laptop-report.json");
-    const Outcome text = RunTool({L"report"});
-    EXPECT_EQ(text.status, 0);
-    EXPECT_NE(text.out.find("== Battery =="), std::string::npos);
-}
+TEST(Replay, CommandsAnswerWithTheirStatusWordsAndCalls) {
+    // The laptop whose firmware rejects the commands and whose radio does not switch.
+    torvex::test::Json refusing = torvex::test::Json::parse(torvex::test::MachineText("intel-laptop"));
+    for (const char* packet : {"03103c50", "030f0521", "030f03", "030f", "030c01"})
+        refusing["firmware"]["answers"][packet] = {{"output", "01"}, {"length", 256}};
+    refusing["wlan"]["interfaces"][0]["set_error"] = ERROR_ACCESS_DENIED;
+    std::ofstream(Beside(L"refusing-laptop.json"), std::ios::binary) << refusing.dump();
 
-// The tool over a stand-in for the library's Hal API that refuses every class,
-// and answers every query it is asked (battery, mainboard) either not at all or
-// with bytes no machine should send: invalid UTF-8, a NaN reading.
-uint32_t Refuse(HalDeviceType, void*) { return 0; }
-uint32_t RefuseInit(HalDeviceType, void**) { return 0; }
-uint32_t RefuseQuery(HalDeviceType, void*, uint32_t, void*, uint32_t, uint32_t*) { return 0; }
-uint32_t GarbageQuery(HalDeviceType, void*, uint32_t, void* buffer, uint32_t size, uint32_t* written) {
-    std::memset(buffer, 0xFF, size);
-    if (written != nullptr) *written = size;
-    return 1;
-}
-
-class LibraryStandIn {
-public:
-    explicit LibraryStandIn(decltype(tool::Api::HalQueryInformation) query)
-        : api_(const_cast<tool::Api&>(tool::Library())), saved_(api_) {
-        api_.HalInit = RefuseInit;
-        api_.HalOpenDevice = Refuse;
-        api_.HalCloseDevice = Refuse;
-        api_.HalQueryInformation = query;
-    }
-    ~LibraryStandIn() { api_ = saved_; }
-
-private:
-    tool::Api& api_;
-    const tool::Api saved_;
-};
-
-TEST(StandInLibrary, JsonReportIsStillOneDocument) {
-    struct Case {
-        const wchar_t* file;
-        decltype(tool::Api::HalQueryInformation) query;
+    const wchar_t *laptop = L"machines\\intel-laptop.json", *desktop = L"machines\\amd-desktop.json";
+    const wchar_t* refuses = L"refusing-laptop.json";
+    const std::string batteryOpen = "file open \\\\?\\acpi#pnp0c0a#1#{72631e54-78a4-11d0-bcf7-00aa00b7b32a} "
+                                    "[access 0xC0000000, share 0x3, disposition 3, flags 0x80]";
+    const std::string wifi = "wlan switch radio of {5B4A8E2C-7D31-4F0A-9C6B-1E2D3F405162} -> ";
+    const std::vector<std::wstring> chargeControl = {L"battery", L"charge-control", L"60", L"80"};
+    const Case cases[] = {
+        {laptop, {L"report", L"--json"}, 0, "\"schema\"",  // access, sharing and room beyond what the report shows
+         batteryOpen.c_str(), L"laptop-report.json"},
+        {desktop, {L"report", L"--json"}, 0, "\"schema\"", "ioctl \\\\.\\C: IOCTL_STORAGE_GET_DEVICE_NUMBER [out 12 bytes]",
+         L"desktop-report.json"},
+        {laptop, {L"report"}, 0, "== Battery ==", "registry HKLM\\HARDWARE\\DESCRIPTION\\System\\CentralProcessor\\0 [access 0x20119]"},
+        {laptop, chargeControl, 0, "charge control set to 60 / 80",  // the packet 03 10 3c 50
+         "firmware put u64Input [VARIANT type 8, CIM type 21, text 1346113539] -> accepted"},
+        {laptop, {L"wifi", L"off"}, 0, "Wi-Fi radio of 'Intel(R) Wi-Fi 6 AX201 160MHz' switched off", wifi.c_str()},
+        {laptop, {L"firmware", L"super-saver-on"}, 0, "power-saving mode started", "firmware OemWMIfun packet 030f0521 "},
+        {laptop, {L"firmware", L"super-saver-off"}, 0, "power-saving mode stopped", "firmware OemWMIfun packet 030f05 "},
+        {laptop, {L"firmware", L"thermal-defaults"}, 0, "thermal defaults restored", "firmware OemWMIfun packet 030f "},
+        {laptop, {L"firmware", L"pl1"}, 0, "PL1: 28.25 W", "firmware OemWMIfun packet 030c01 "},
+        {laptop, {L"uninstall", L"system", L"ACPI\\VEN_INT&DEV_33A1", L"--yes"}, 0,
+         "Device ACPI\\VEN_INT&DEV_33A1 uninstalled", "setupapi remove ACPI\\INT33A1\\0 -> removed"},
+        {refuses, chargeControl, 2, "refused", "firmware OemWMIfun packet 03103c50 "},
+        {refuses, {L"wifi", L"off"}, 2, "refused", wifi.c_str()},
+        {refuses, {L"firmware", L"super-saver-on"}, 2, "refused super-saver-on", "firmware OemWMIfun packet 030f0521 "},
+        {refuses, {L"firmware", L"thermal-defaults"}, 2, "refused thermal-defaults", "firmware OemWMIfun packet 030f "},
+        {refuses, {L"firmware", L"pl1"}, 2, "did not answer", "firmware OemWMIfun packet 030c01 "},
+        {laptop, {L"display", L"brightness", L"40"}, 2, "HalInit(19) refused", "library ControlLib.dll -> absent"},
+        {laptop, {L"uninstall", L"system", L"PCI\\NOT_HERE", L"--yes"}, 2, "no present device",
+         "setupapi open {4D36E97D-E325-11CE-BFC1-08002BE10318} DIGCF_PRESENT -> 2 devices"},
+        {desktop, chargeControl, 2, "refused", "firmware class OemWMIMethod in ROOT\\WMI -> absent"},
+        {desktop, {L"wifi", L"off"}, 2, "no wireless interface", "wlan interfaces -> 0 interfaces"},
+        {laptop, {L"battery", L"charge-control", L"60"}, 1, "usage: torvex battery", nullptr},
+        {laptop, {L"battery", L"charge-control", L"60", L"101"}, 1, "0 to 100", nullptr},
+        {laptop, {L"uninstall", L"gadgets", L"X", L"--yes"}, 1, "unknown class", nullptr},
     };
-    for (const Case& c : {Case{L"refusing-library-report.json", RefuseQuery},
-                          Case{L"garbage-library-report.json", GarbageQuery}}) {
-        LibraryStandIn library(c.query);
-        const Outcome report = RunTool({L"report", L"--json"});
-        EXPECT_EQ(report.status, 0) << report.err;
-        EXPECT_EQ(report.err, "");
-        Keep(report.out, c.file);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(tool::Utf8(c.profile) + " " + testing::PrintToString(c.args));
+        const auto [status, said] = Replay(c.profile, c.args);
+        EXPECT_EQ(status, c.status);
+        EXPECT_NE(said.find(c.says), std::string::npos) << "said: " << said;
+        if (c.sent != nullptr) EXPECT_TRUE(Traced(c.sent)) << c.sent;
+        else EXPECT_EQ(tool::RunTrace().Size(), 0u) << "a usage error reached the machine";
+        EXPECT_TRUE(FirmwareMutexFree()) << "MutexWMI left held";
+        if (c.keep != nullptr) std::ofstream(Beside(c.keep), std::ios::binary) << said;
     }
-}
-
-struct SetCase {
-    std::vector<std::wstring> args;
-    int status;
-    const char* says;  // on stdout for 0, on stderr otherwise
-};
-
-void Expect(const SetCase& c) {
-    const Outcome outcome = RunTool(c.args);
-    std::wstring line;
-    for (const auto& arg : c.args) line += arg + L" ";
-    EXPECT_EQ(outcome.status, c.status) << tool::Utf8(line) << outcome.err;
-    const std::string& said = c.status == 0 ? outcome.out : outcome.err;
-    EXPECT_NE(said.find(c.says), std::string::npos) << tool::Utf8(line) << " said: " << said;
-}
-
-TEST_F(LaptopTest, SetCommandsConfirmWhatChanged) {
-    Expect({{L"battery", L"charge-control", L"60", L"80"}, 0, "charge control set to 60 / 80"});
-    EXPECT_GT(laptop.firmwareCalls, 0);
-
-    Expect({{L"wifi", L"off"}, 0, "Wi-Fi radio of 'Intel(R) Wi-Fi 6 AX201 160MHz' switched off"});
-    EXPECT_EQ(laptop.wlan.setBlock.dot11SoftwareRadioState, dot11_radio_state_off);
-    Expect({{L"wifi", L"on"}, 0, "switched on"});
-    EXPECT_EQ(laptop.wlan.setBlock.dot11SoftwareRadioState, dot11_radio_state_on);
-
-    Expect({{L"display", L"brightness", L"55"}, 0, "brightness set to 55 %"});
-    EXPECT_EQ(laptop.power.written, 55u);
-    EXPECT_TRUE(laptop.power.wroteAc);
-    Expect({{L"display", L"brightness"}, 0, "brightness 70 %"});
-    const int ramps = torvex::test::SharedGfxServer().ramps;
-    Expect({{L"display", L"warmth", L"200", L"30"}, 0, "warmth set to 200, blue cut 30"});
-    Expect({{L"display", L"gains", L"100", L"90", L"80"}, 0, "channel gains set"});
-    EXPECT_EQ(torvex::test::SharedGfxServer().ramps, ramps + 2);
-
-    Expect({{L"firmware", L"super-saver-on"}, 0, "power-saving mode started"});
-    Expect({{L"firmware", L"thermal-defaults"}, 0, "thermal defaults restored"});
-
-    Expect({{L"uninstall", L"system", L"ACPI\\VEN_INT&DEV_33A1", L"--yes"}, 0,
-            "Device ACPI\\VEN_INT&DEV_33A1 uninstalled"});
-    EXPECT_EQ(laptop.tree.Removed().size(), 1u);
-}
-
-TEST_F(LaptopTest, RefusalsExitTwoAndUsageErrorsExitOne) {
-    laptop.firmwareAnswer[0] = 1;  // the firmware rejects every command
-    laptop.wlan.setResult = ERROR_ACCESS_DENIED;
-    laptop.power.setResult = 5;
-    const SetCase cases[] = {
-        {{L"battery", L"charge-control", L"60", L"80"}, 2, "refused"},
-        {{L"wifi", L"off"}, 2, "refused"},
-        {{L"display", L"brightness", L"40"}, 2, "refused"},
-        {{L"firmware", L"super-saver-on"}, 2, "refused"},
-        {{L"uninstall", L"system", L"PCI\\NOT_HERE", L"--yes"}, 2, "no present device"},
-        {{L"battery", L"charge-control", L"60"}, 1, "usage: torvex battery"},
-        {{L"battery", L"charge-control", L"60", L"101"}, 1, "0 to 100"},
-        {{L"wifi", L"sideways"}, 1, "usage: torvex wifi"},
-        {{L"display", L"gains", L"100", L"x", L"80"}, 1, "malformed number x"},
-        {{L"display", L"warmth", L"256", L"0"}, 1, "0 to 255"},
-        {{L"uninstall", L"gadgets", L"X", L"--yes"}, 1, "unknown class"},
-    };
-    for (const SetCase& c : cases) Expect(c);
-    EXPECT_EQ(laptop.tree.Removed().size(), 0u);
 }
 
 }  // namespace
