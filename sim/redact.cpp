@@ -66,27 +66,30 @@ void AddInstanceId(Secrets& secrets, const std::string& id) {
     secrets.fragments[Lower(unique)] = Placeholder(unique);
 }
 
+// A member of an object, or an empty object or array when it has none.
+const Json& Member(const Json& object, const char* key, const Json& empty) {
+    const Json* found = detail::Child(&object, key);
+    return found != nullptr ? *found : empty;
+}
+
 void Collect(const Json& doc, Secrets& secrets) {
-    if (const Json* wmi = detail::Child(&doc, "wmi"))
-        for (const auto& [ns, entry] : wmi->items())
-            for (const auto& [query, answer] : entry.value("queries", Json::object()).items())
-                for (const Json& row : answer.value("rows", Json::array()))
-                    for (const auto& [property, value] : row.items())
-                        if (Identifying(property)) AddWhole(secrets, value);
-    if (const Json* registry = detail::Child(&doc, "registry"))
-        for (const auto& [path, values] : registry->items())
-            if (values.is_object())
-                for (const auto& [name, value] : values.items())
-                    if (Identifying(name) && value.is_object())
-                        for (const auto& [type, data] : value.items()) AddWhole(secrets, data);
-    if (const Json* devices = detail::Child(&doc, "devices")) {
-        for (const auto& [key, ids] : devices->value("sets", Json::object()).items())
-            for (const Json& id : ids) AddInstanceId(secrets, id.get<std::string>());
-        for (const auto& [id, node] : devices->value("nodes", Json::object()).items()) AddInstanceId(secrets, id);
-    }
-    if (const Json* wlan = detail::Child(&doc, "wlan"))
-        for (const Json& item : wlan->value("interfaces", Json::array()))
-            if (item.contains("guid")) secrets.fragments[Lower(item["guid"].get<std::string>())] = GuidPlaceholder(item["guid"]);
+    const Json noObject = Json::object(), noArray = Json::array();
+    for (const auto& [ns, entry] : Member(doc, "wmi", noObject).items())
+        for (const auto& [query, answer] : Member(entry, "queries", noObject).items())
+            for (const Json& row : Member(answer, "rows", noArray))
+                for (const auto& [property, value] : row.items())
+                    if (Identifying(property)) AddWhole(secrets, value);
+    for (const auto& [path, values] : Member(doc, "registry", noObject).items())
+        if (values.is_object())
+            for (const auto& [name, value] : values.items())
+                if (Identifying(name) && value.is_object())
+                    for (const auto& [type, data] : value.items()) AddWhole(secrets, data);
+    const Json& devices = Member(doc, "devices", noObject);
+    for (const auto& [key, ids] : Member(devices, "sets", noObject).items())
+        for (const Json& id : ids) AddInstanceId(secrets, id.get<std::string>());
+    for (const auto& [id, node] : Member(devices, "nodes", noObject).items()) AddInstanceId(secrets, id);
+    for (const Json& item : Member(Member(doc, "wlan", noObject), "interfaces", noArray))
+        if (item.contains("guid")) secrets.fragments[Lower(item["guid"].get<std::string>())] = GuidPlaceholder(item["guid"]);
 }
 
 std::string Scrub(const std::string& text, const Secrets& secrets) {

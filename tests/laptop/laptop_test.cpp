@@ -66,7 +66,7 @@ TEST(Replay, CommandsAnswerWithTheirStatusWordsAndCalls) {
     const wchar_t* refuses = L"refusing-laptop.json";
     const std::string batteryOpen = "file open \\\\?\\acpi#pnp0c0a#1#{72631e54-78a4-11d0-bcf7-00aa00b7b32a} "
                                     "[access 0xC0000000, share 0x3, disposition 3, flags 0x80]";
-    const std::string wifi = "wlan switch radio of {5B4A8E2C-7D31-4F0A-9C6B-1E2D3F405162} -> ";
+    const std::string wifi = "wlan switch radio of {5B4A8E2C-7D31-4F0A-9C6B-1E2D3F405162} [opcode 4, size 12, words 0 2 1] -> ";
     const std::vector<std::wstring> chargeControl = {L"battery", L"charge-control", L"60", L"80"};
     const Case cases[] = {
         {laptop, {L"report", L"--json"}, 0, "\"schema\"",  // access, sharing and room beyond what the report shows

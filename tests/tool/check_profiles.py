@@ -41,9 +41,8 @@ def main(schema_path, original_path, redacted_path, profiles):
         failures.append(f"{redacted_path} does not say it is redacted")
     # The same input gave the same placeholder: a set still names the node it named.
     before, after = original.get("devices", {}), redacted.get("devices", {})
-    for key, ids in before.get("sets", {}).items():
-        for position, instance in enumerate(ids):
-            kept = after.get("sets", {}).get(key, [])
+    for key, kept in after.get("sets", {}).items():
+        for position, instance in enumerate(before.get("sets", {}).get(key, [])):
             if instance in before.get("nodes", {}) and (position >= len(kept) or kept[position] not in after.get("nodes", {})):
                 failures.append(f"set {key} lost its node {position} in redaction")
     for failure in failures:
