@@ -1,7 +1,5 @@
-// Audio endpoints (class 5) over tests/machines/device-tree: the codec list
-// and codec facts from the media class, the guard that keeps Core Audio out
-// of reach of a freshly loaded library, callbacks and their release, the
-// volume arithmetic on its own, and Wine's own machine.
+// Audio endpoints (class 5) over tests/machines/device-tree, the volume
+// arithmetic on its own, and Wine's own machine.
 #include <endpointvolume.h>
 
 #include <gmock/gmock.h>
@@ -81,21 +79,18 @@ TEST_F(AudioTest, AFreshLibraryNeverReachesCoreAudio) {
     EXPECT_TRUE(machine.Asked("audio").empty()) << "the profile has both endpoints, yet none was asked for";
 }
 
-TEST_F(AudioTest, CodecTextsProblemCodesAndDriverVersions) {
+TEST_F(AudioTest, CodecTextsProblemCodesAndDriverVersionsAndTheirRefusals) {
     Init();
-    struct Case {
-        uint32_t index, code;
-        std::wstring text;
-    } const cases[] = {
+    const std::tuple<uint32_t, uint32_t, std::wstring> cases[] = {  // record, code, text
         {0, 1, L"Realtek High Definition Audio"}, {0, 2, L"Realtek"}, {0, 7, L"6.0.9235.1"},
         {1, 1, L""}, {1, 2, L""},  // a missing property is a success with nothing written
         {1, 7, L"10.0.22000.1"},
     };
-    for (const Case& c : cases) {
+    for (const auto& [index, code, text] : cases) {
         Out out;
-        ASSERT_EQ(Query(Record(c.index), c.code, out), 1u) << c.index << " code " << c.code;
-        EXPECT_EQ(std::wstring(reinterpret_cast<wchar_t*>(out.bytes), out.written / 2), c.text);
-        EXPECT_TRUE(out.written == c.text.size() * 2 && out.bytes[out.written] == 0xCC) << "no terminator";
+        ASSERT_EQ(Query(Record(index), code, out), 1u) << index << " code " << code;
+        EXPECT_EQ(std::wstring(reinterpret_cast<wchar_t*>(out.bytes), out.written / 2), text);
+        EXPECT_TRUE(out.written == text.size() * 2 && out.bytes[out.written] == 0xCC) << "no terminator";
     }
     Out exact, shorter;  // 29 characters: exactly 58 bytes fit
     EXPECT_EQ(Query(Record(0), 1, exact, 58), 1u);
@@ -109,10 +104,7 @@ TEST_F(AudioTest, CodecTextsProblemCodesAndDriverVersions) {
     }
     EXPECT_EQ(Query(Record(0), 6, shorter, 3), 0u);
     EXPECT_TRUE(shorter.Refused());
-}
 
-TEST_F(AudioTest, BadIndicesCodesAndPointersAreRefused) {
-    Init();
     uint8_t beyond[16] = {0, 0, 0, 0, 0, 0, 0, 0, 2};  // index 2 of 2 codecs
     Out out;
     for (uint32_t code : {1u, 2u, 6u, 7u}) {
@@ -162,14 +154,12 @@ TEST_F(AudioTest, OtherVendorsOnlyMeanNoList) {
 TEST(AudioVolumeArithmetic, PercentTargetsAndMuteNoOps) {
     for (const auto& [scalar, percent] : {std::pair{0.256f, 26u}, {0.254f, 25u}, {0.0f, 0u}, {1.0f, 100u}, {0.005f, 1u}})
         EXPECT_EQ(audio::PercentFromScalar(scalar), percent) << scalar;
-    struct Case {
-        uint32_t current;
-        int32_t value;
-        uint8_t mode;  // 1 relative, any other absolute
-        int32_t target;
-    } const cases[] = {{20, -30, 1, 0}, {20, 30, 1, 50}, {90, 30, 1, 100}, {20, 150, 0, 100}, {20, -5, 0, 0},
-                       {20, 40, 2, 40}, {100, INT32_MAX, 1, 100}, {0, INT32_MIN, 1, 0}, {55, 0, 1, 55}};
-    for (const Case& c : cases) EXPECT_EQ(audio::TargetPercent(c.current, c.value, c.mode), c.target) << c.current << " " << c.value;
+    // Current percent, value, mode (1 relative, any other absolute), target.
+    const std::tuple<uint32_t, int32_t, uint8_t, int32_t> cases[] = {
+        {20, -30, 1, 0}, {20, 30, 1, 50}, {90, 30, 1, 100}, {20, 150, 0, 100}, {20, -5, 0, 0},
+        {20, 40, 2, 40}, {100, INT32_MAX, 1, 100}, {0, INT32_MIN, 1, 0}, {55, 0, 1, 55}};
+    for (const auto& [current, value, mode, target] : cases)
+        EXPECT_EQ(audio::TargetPercent(current, value, mode), target) << current << " " << value << " " << +mode;
     EXPECT_FLOAT_EQ(audio::ScalarFromPercent(37), 0.37f);
     const uint32_t flag = 1;
     EXPECT_TRUE(audio::MuteUnchanged(nullptr, 0, 1) && audio::MuteUnchanged(&flag, 1, 1) && !audio::MuteUnchanged(&flag, 1, 0));

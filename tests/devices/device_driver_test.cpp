@@ -23,8 +23,7 @@ Json Wmi(const std::string& query = kProblemQuery, const Json& rows = Json::arra
 }
 std::string Asked(const std::string& query) { return "ROOT\\CIMV2 \"" + query + "\""; }
 
-// The list of HalInit(20) as its size, count and captions (each up to its
-// terminator, an empty one as its whole field); empty when HalInit refused.
+// HalInit(20)'s list: size, count, captions (an empty one as its whole field); none when refused.
 std::vector<std::wstring> List(const std::vector<std::string>& captions) {
     Json rows = Json::array();
     for (const std::string& caption : captions) rows.push_back({{"Caption", caption}});
@@ -82,51 +81,27 @@ TEST_F(DeviceDriverTest, TextFactsAskWithTheCaptionAndNeedRoomForATerminator) {
         EXPECT_EQ(HalQueryInformation(HAL_CLASS_DRIVER, caption, code, buffer, 32, &written), 0u) << "an empty answer";
         EXPECT_EQ(written, 7u);
     }
+}
+
+TEST_F(DeviceDriverTest, TheCaptionNeedsNoQueryAndRefusalsAskNothing) {
     SimulatedMachine machine(Wmi());
-    char buffer[32] = {};
-    uint32_t written = 0;
+    wchar_t caption[] = L"Unknown USB Device", empty[] = L"";
+    char buffer[32];
+    uint32_t written = 0xBAD;
     ASSERT_EQ(HalQueryInformation(HAL_CLASS_DRIVER, caption, HAL_DRIVER_CAPTION, buffer, 19, &written), 1u);
     EXPECT_EQ(std::string(buffer, written), "Unknown USB Device");
-    EXPECT_EQ(HalQueryInformation(HAL_CLASS_DRIVER, caption, HAL_DRIVER_CAPTION, buffer, 18, &written), 0u);
-    EXPECT_TRUE(machine.Asked("wmi").empty() && written == 18);
-}
-
-TEST_F(DeviceDriverTest, ErrorCodeLeavesWrittenAlone) {
-    wchar_t caption[] = L"Camera";
-    const std::string query = "SELECT ConfigManagerErrorCode FROM Win32_PnPEntity WHERE Caption='Camera'";
-    for (const auto& [answer, result] : {std::pair{Json(28), 1u}, {Json(0xFFFFFFFFu), 0u}, {Json(nullptr), 0u}}) {
-        SimulatedMachine machine(Wmi(query, {{{"ConfigManagerErrorCode", answer}}}));
-        uint32_t value = 77, written = 55;
-        EXPECT_EQ(HalQueryInformation(HAL_CLASS_DRIVER, caption, HAL_DRIVER_ERROR_CODE, &value, 3, &written), 0u);
-        ASSERT_EQ(HalQueryInformation(HAL_CLASS_DRIVER, caption, HAL_DRIVER_ERROR_CODE, &value, 4, &written), result);
-        EXPECT_TRUE(value == (result != 0 ? 28u : 77u) && written == 55) << answer;
-        EXPECT_EQ(machine.Asked("wmi"), Calls{Asked(query)});
-    }
-    // The caption goes into the query as it is: an apostrophe breaks it.
-    SimulatedMachine machine(Wmi());
-    wchar_t other[] = L"It's broken";
-    uint32_t value = 77, written = 55;
-    EXPECT_EQ(HalQueryInformation(HAL_CLASS_DRIVER, other, HAL_DRIVER_STATUS, &value, 4, &written), 0u);
-    EXPECT_EQ(machine.Asked("wmi"), Calls{Asked("SELECT Status FROM Win32_PnPEntity WHERE Caption='It's broken'")});
-    EXPECT_TRUE(value == 77 && written == 55);
-}
-
-TEST_F(DeviceDriverTest, RefusalsAskNothing) {
-    SimulatedMachine machine(Wmi());
-    wchar_t caption[] = L"Camera", empty[] = L"";
-    char buffer[16];
     std::memset(buffer, '#', sizeof(buffer));
-    uint32_t written = 9;
-    EXPECT_EQ(DeviceDriverQueryInformation(nullptr, 0, buffer, 16, &written), 0u);
-    EXPECT_EQ(DeviceDriverQueryInformation(empty, 0, buffer, 16, &written), 0u);
-    EXPECT_EQ(DeviceDriverQueryInformation(caption, 7, buffer, 16, &written), 0u);
-    EXPECT_EQ(DeviceDriverQueryInformation(caption, 0xFFFFFFFF, buffer, 16, &written), 0u);
+    EXPECT_EQ(DeviceDriverQueryInformation(caption, HAL_DRIVER_CAPTION, buffer, 18, &written), 0u);
+    EXPECT_EQ(DeviceDriverQueryInformation(nullptr, 0, buffer, 32, &written), 0u);
+    EXPECT_EQ(DeviceDriverQueryInformation(empty, 0, buffer, 32, &written), 0u);
+    EXPECT_EQ(DeviceDriverQueryInformation(caption, 7, buffer, 32, &written), 0u);
+    EXPECT_EQ(DeviceDriverQueryInformation(caption, 0xFFFFFFFF, buffer, 32, &written), 0u);
     for (uint32_t code = 0; code <= 6; ++code) {
-        EXPECT_EQ(DeviceDriverQueryInformation(caption, code, nullptr, 16, &written), 0u) << code;
-        EXPECT_EQ(DeviceDriverQueryInformation(caption, code, buffer, 16, nullptr), 0u) << code;
+        EXPECT_EQ(DeviceDriverQueryInformation(caption, code, nullptr, 32, &written), 0u) << code;
+        EXPECT_EQ(DeviceDriverQueryInformation(caption, code, buffer, 32, nullptr), 0u) << code;
     }
-    EXPECT_EQ(std::string(buffer, 16), std::string(16, '#'));
-    EXPECT_EQ(written, 9u);
+    EXPECT_EQ(std::string(buffer, 32), std::string(32, '#'));
+    EXPECT_EQ(written, 18u);
     EXPECT_TRUE(machine.Asked("wmi").empty());
 }
 

@@ -30,8 +30,7 @@ const wchar_t kNic[] = L"PCI\\VEN_8086&DEV_15F3", kUsbNic[] = L"USB\\VID_0BDA&PI
 const wchar_t kCodecDesc[] = L"Realtek High Definition Audio";
 const std::string kCodecNode = "HDAUDIO\\FUNC_01&VEN_10EC&DEV_0295\\4&1&0001";
 
-// A device of an inline tree: its hardware IDs (none: the read fails), other
-// properties by key name, its node status.
+// A device of an inline tree: hardware IDs (none: the read fails), other properties, node status.
 Json Device(std::vector<std::string> ids, Json properties = Json::object(), Json status = {{"flags", 6154}}) {
     if (!ids.empty()) properties["DEVPKEY_Device_HardwareIds"] = {{"string_list", ids}};
     return {{"properties", properties}, {"status", status}};
@@ -43,7 +42,7 @@ Json Tree(const std::vector<Json>& devices, const std::string& set = kNetSet) {
         ids.push_back("ROOT\\DEV\\" + std::to_string(i));
         nodes[ids.back().get<std::string>()] = devices[i];
     }
-    return {{"devices", {{"sets", {{set, ids}}}, {"nodes", nodes}}}};
+    return {{"sets", {{set, ids}}}, {"nodes", nodes}};
 }
 
 // The size argument of every property read, as the trace shows it.
@@ -66,44 +65,35 @@ ImportPatch Refusing(const char* function, ULONG_PTR result, DWORD error) {
     return Redirect(function, &Refuse);
 }
 
+// The machine answers from tests/machines/device-tree unless a test gives it other devices.
 class DeviceInformationTest : public ::testing::Test {
 protected:
     void TearDown() override { ExpectNothingHeld(); }
+    void Devices(const Json& devices) { machine.profile.doc()["devices"] = devices; }
+    void DeviceTree() { Devices(Json::parse(MachineText("device-tree"))["devices"]); }
+    SimulatedMachine machine{MachineFile{"device-tree"}};
     DeviceInformention info;
 };
 
-class DeviceTreeTest : public DeviceInformationTest {
-protected:
-    SimulatedMachine machine{MachineFile{"device-tree"}};
-};
-
-TEST_F(DeviceTreeTest, ListsOfAClassFollowItsOrderAndEveryReadHas520Bytes) {
+TEST_F(DeviceInformationTest, ListsOfAClassFollowItsOrderAndEveryReadHas520Bytes) {
     EXPECT_EQ(info.GetDeviceHardwareId(kMedia), (Strings{kCodec, kHdmi, kLower, kConexant}));
     EXPECT_EQ(info.GetDeviceDesc(kMedia), (Strings{kCodecDesc, L"Intel Display Audio", L"Realtek in lower case", L""}));
     EXPECT_EQ(info.GetDeviceDesc(kNet), (Strings{L"Ethernet", L"USB NIC"}));
     EXPECT_TRUE(info.GetDeviceHardwareId(kEmptyClass).empty());
-    EXPECT_EQ(machine.Asked("setupapi").front(), "open " + kMediaSet);
     EXPECT_EQ(machine.Asked("setupapi").back(), "open {11111111-2222-3333-4444-555555555555} DIGCF_PRESENT");
-    EXPECT_EQ(machine.Calls("setupapi")[1], kCodecNode + " DEVPKEY_Device_HardwareIds [room 520 bytes] -> {\"string_list\":"
-                                                         "[\"HDAUDIO\\\\FUNC_01&VEN_10EC&DEV_0295\",\"HDAUDIO\\\\FUNC_01&VEN_10EC\"]}");
     EXPECT_EQ(Rooms(machine), Calls(10, "520"));
 }
 
-TEST_F(DeviceTreeTest, PropertiesByHardwareIdAndByDescription) {
-    // Selector i: by hardware ID (kCodec) and by description (kCodecDesc).
-    const std::pair<const wchar_t*, const wchar_t*> answers[] = {
-        {kCodecDesc, kCodecDesc},  // the description variant gives its input back
-        {L"Realtek", L"Realtek"}, {L"6.0.9235.1", L"6.0.9235.1"},
-        {kCodec, kCodec},  // the hardware-ID variant gives its input back
-        {L"HDAUDIO", L"HDAUDIO"}, {L"prop90", L"prop90"}, {L"Speakers (Realtek)", L"Speakers (Realtek)"},
-        {L"Realtek Audio", L"Realtek Audio"}, {L"oem12.inf", L"oem12.inf"},
-        {L"HDAUDIO\\FUNC_01&VEN_10EC&DEV_0295\\4&1&0001", L"HDAUDIO\\FUNC_01&VEN_10EC&DEV_0295\\4&1&0001"},
-        {L"Realtek Semiconductor Corp.", L""},  // only the hardware-ID variant serves 10
-        {L"", L""}, {L"", L""}, {L"", L""}, {L"", L""},
-    };
+TEST_F(DeviceInformationTest, StringAndNumericPropertiesByHardwareIdAndByDescription) {
+    // Selector i of the codec, by hardware ID and by description (0 and 3 give the input back).
+    const wchar_t* const answers[] = {kCodecDesc, L"Realtek", L"6.0.9235.1", kCodec, L"HDAUDIO", L"prop90",
+                                      L"Speakers (Realtek)", L"Realtek Audio", L"oem12.inf",
+                                      L"HDAUDIO\\FUNC_01&VEN_10EC&DEV_0295\\4&1&0001", L"Realtek Semiconductor Corp.",
+                                      L"", L"", L"", L""};
     for (unsigned i = 0; i < 15; ++i) {
-        EXPECT_EQ(info.GetDeviceStrInfoByHardwareId(kCodec, kMedia, EnumDeviceProperty(i)), answers[i].first) << i;
-        EXPECT_EQ(info.GetDeviceStrInfoByDesc(kCodecDesc, kMedia, EnumDeviceProperty(i)), answers[i].second) << i;
+        EXPECT_EQ(info.GetDeviceStrInfoByHardwareId(kCodec, kMedia, EnumDeviceProperty(i)), answers[i]) << i;
+        EXPECT_EQ(info.GetDeviceStrInfoByDesc(kCodecDesc, kMedia, EnumDeviceProperty(i)), i != 10 ? answers[i] : L"")
+            << i << ": only the hardware-ID variant serves 10";
     }
     EXPECT_EQ(info.GetDeviceStrInfoByHardwareId(kHdmi, kMedia, EnumDeviceProperty::Manufacturer), L"Intel");
     EXPECT_EQ(info.GetDeviceStrInfoByHardwareId(kHdmi, kMedia, EnumDeviceProperty::FriendlyName), L"");  // absent
@@ -126,22 +116,21 @@ TEST_F(DeviceTreeTest, PropertiesByHardwareIdAndByDescription) {
     EXPECT_EQ(info.GetDeviceStrInfoByDesc(L"Nothing", kMedia, EnumDeviceProperty::DeviceDesc), L"Nothing");
     EXPECT_EQ(info.GetDeviceULONGInfoByHardwareId(kCodec, kMedia, EnumDeviceProperty::DeviceDesc), 0u);
     EXPECT_TRUE(machine.Asked("setupapi").empty());
-}
 
-TEST_F(DeviceInformationTest, OnlyUInt32TypedValuesOfOneToFourBytesCount) {
+    // Only UINT32-typed values of one to four bytes count.
     const std::pair<Json, unsigned> cases[] = {
         {{{"uint32", 43}}, 43u}, {{{"type", 7}, {"binary", "2b01"}}, 0x12Bu}, {{{"type", 7}, {"binary", ""}}, 0u},
         {{{"type", 7}, {"binary", "0100000000000000"}}, 0u}, {{{"type", 6}, {"binary", "2b000000"}}, 0u},  // INT32
         {{{"string", "+"}}, 0u},
     };
     for (const auto& [value, expected] : cases) {
-        SimulatedMachine machine(Tree({Device({"A"}, {{"DEVPKEY_Device_ProblemCode", value}})}, kMediaSet));
+        Devices(Tree({Device({"A"}, {{"DEVPKEY_Device_ProblemCode", value}})}, kMediaSet));
         EXPECT_EQ(info.GetDeviceULONGInfoByHardwareId(L"A", kMedia, EnumDeviceProperty::ProblemCode), expected) << value;
     }
 }
 
 TEST_F(DeviceInformationTest, LookupStopsAtTheFirstFailedReadButTheInstallerRemovalSkipsIt) {
-    SimulatedMachine machine(Tree({Device({}), Device({"B"}, {{"DEVPKEY_Device_DeviceDesc", {{"string", "b"}}}})}));
+    Devices(Tree({Device({}), Device({"B"}, {{"DEVPKEY_Device_DeviceDesc", {{"string", "b"}}}})}));
     EXPECT_EQ(info.GetDeviceStrInfoByHardwareId(L"B", kNet, EnumDeviceProperty::DeviceDesc), L"");
     EXPECT_EQ(info.GetLastIntallTime(L"B", kNet), 0u);
     EXPECT_EQ(info.UnstallDeviceByHardwareId(L"B", kNet), 0xFFFFFFFFu);
@@ -149,7 +138,7 @@ TEST_F(DeviceInformationTest, LookupStopsAtTheFirstFailedReadButTheInstallerRemo
     EXPECT_EQ(machine.Asked("setupapi").back(), "class installer 5 on ROOT\\DEV\\1");
 }
 
-TEST_F(DeviceTreeTest, RemovalTakesTheDeviceAwayAndReportsStatusValues) {
+TEST_F(DeviceInformationTest, RemovalTakesTheDeviceAwayAndReportsStatusValues) {
     EXPECT_EQ(info.UnstallDeviceByHardwareId(kHdmi, kMedia), 0u);
     EXPECT_EQ(machine.Asked("setupapi").back(), "remove HDAUDIO\\FUNC_01&VEN_8086&DEV_2812\\4&1&0002");
     EXPECT_EQ(info.GetDeviceHardwareId(kMedia), (Strings{kCodec, kLower, kConexant}));
@@ -171,12 +160,8 @@ TEST_F(DeviceTreeTest, RemovalTakesTheDeviceAwayAndReportsStatusValues) {
 }
 
 TEST_F(DeviceInformationTest, RemovalFailuresReportTheLastError) {
-    struct Case {
-        const char* function;
-        ULONG_PTR result;
-        DWORD error;
-        unsigned plain, byInstaller;  // UnstallDeviceByHardwareId, ...Ex
-    } const cases[] = {
+    // The import, its result and last error; what UnstallDeviceByHardwareId and ...Ex report.
+    const std::tuple<const char*, ULONG_PTR, DWORD, unsigned, unsigned> cases[] = {
         {"SetupDiRemoveDevice", FALSE, ERROR_ACCESS_DENIED, ERROR_ACCESS_DENIED, 0},
         {"SetupDiCallClassInstaller", FALSE, ERROR_ACCESS_DENIED, 0, ERROR_ACCESS_DENIED},
         {"SetupDiSetClassInstallParamsW", FALSE, ERROR_INVALID_FLAGS, 0, ERROR_INVALID_FLAGS},
@@ -184,124 +169,87 @@ TEST_F(DeviceInformationTest, RemovalFailuresReportTheLastError) {
         {"CM_Get_Device_ID_ExW", CR_FAILURE, ERROR_GEN_FAILURE, 0, ERROR_GEN_FAILURE},  // not the CR_ code
         {"SetupDiGetClassDevsW", ULONG_PTR(-1), ERROR_GEN_FAILURE, 0xFFFFFFFF, 0xFFFFFFFF},
     };
-    for (const Case& c : cases) {
-        SimulatedMachine machine(MachineFile{"device-tree"});
-        ImportPatch refusal = Refusing(c.function, c.result, c.error);
-        EXPECT_EQ(info.UnstallDeviceByHardwareId(kNic, kNet), c.plain) << c.function;
-        EXPECT_EQ(info.UnstallDeviceByHardwareIdEx(kUsbNic, kNet), c.byInstaller) << c.function;
+    for (const auto& [function, result, error, plain, byInstaller] : cases) {
+        DeviceTree();
+        machine.trace.Clear();
+        ImportPatch refusal = Refusing(function, result, error);
+        EXPECT_EQ(info.UnstallDeviceByHardwareId(kNic, kNet), plain) << function;
+        EXPECT_EQ(info.UnstallDeviceByHardwareIdEx(kUsbNic, kNet), byInstaller) << function;
         const Calls asked = machine.Asked("setupapi");
-        EXPECT_EQ(!asked.empty() && asked.back().rfind("class installer", 0) == 0, c.byInstaller == 0) << c.function;
+        EXPECT_EQ(!asked.empty() && asked.back().rfind("class installer", 0) == 0, byInstaller == 0) << function;
     }
-}
-
-TEST_F(DeviceInformationTest, AnUnopenableSetGivesEmptyResults) {
-    SimulatedMachine machine(MachineFile{"device-tree"});
-    ImportPatch refusal = Refusing("SetupDiGetClassDevsW", ULONG_PTR(-1), ERROR_INVALID_PARAMETER);
-    Strings kept{L"kept"}, cleared{L"stale"};
-    info.GetSoftComponentItems(kept, L"ROOT");
-    info.GetAllDeviceHardwareId(cleared);
-    EXPECT_TRUE(kept == Strings{L"kept"} && cleared.empty());
-    EXPECT_TRUE(info.GetUnknownDeviceHardId().empty() && info.GetInternalDeviceHardwareId(kNet).empty());
-    EXPECT_TRUE(info.GetDeviceHardwareIDList(kMedia, kCodec).empty() && info.GetDeviceStatck(kCodec, kMedia).empty());
-    EXPECT_EQ(info.GetLastIntallTime(kCodec, kMedia), 0u);
 }
 
 TEST_F(DeviceInformationTest, UnknownDevicesRepeatTheLastEntry) {
-    {
-        // The classless device is last: the final, failing enumeration step looks at its record once more.
-        SimulatedMachine machine(MachineFile{"device-tree"});
-        EXPECT_EQ(info.GetUnknownDeviceHardId(), (Strings{L"ACPI\\VEN_ABCD", L"ACPI\\VEN_ABCD"}));
-        EXPECT_EQ(machine.Asked("setupapi").front(), "open " + kAllSet);
-        EXPECT_EQ(Rooms(machine), (Calls{"16", "16", "16", "16", "16", "16", "16", "522", "16", "522"}))
-            << "the class into 16 bytes, the hardware IDs with 522";
-    }
-    {
-        const Json classed = {{"DEVPKEY_Device_Class", {{"guid", "{4D36E972-E325-11CE-BFC1-08002BE10318}"}}}};
-        SimulatedMachine machine(Tree({Device({"ROOT\\A"}), Device({"PCI\\B"}, classed)}, kAllSet));
-        EXPECT_EQ(info.GetUnknownDeviceHardId(), Strings{L"ROOT\\A"});
-    }
-    SimulatedMachine machine(Tree({}, kAllSet));
+    // The classless device is last: the final, failing enumeration step looks at its record once more.
+    EXPECT_EQ(info.GetUnknownDeviceHardId(), (Strings{L"ACPI\\VEN_ABCD", L"ACPI\\VEN_ABCD"}));
+    EXPECT_EQ(Rooms(machine), (Calls{"16", "16", "16", "16", "16", "16", "16", "522", "16", "522"}))
+        << "the class into 16 bytes, the hardware IDs with 522";
+    const Json classed = {{"DEVPKEY_Device_Class", {{"guid", "{4D36E972-E325-11CE-BFC1-08002BE10318}"}}}};
+    Devices(Tree({Device({"ROOT\\A"}), Device({"PCI\\B"}, classed)}, kAllSet));
+    EXPECT_EQ(info.GetUnknownDeviceHardId(), Strings{L"ROOT\\A"});
+    Devices(Tree({}, kAllSet));
     EXPECT_TRUE(info.GetUnknownDeviceHardId().empty()) << "no record was ever filled";
 }
 
-TEST_F(DeviceInformationTest, AllPciDevicesReplaceTheListAndSkipFailedReads) {
+TEST_F(DeviceInformationTest, AllClassScansAppendSoftComponentsAndReplaceThePciList) {
+    Strings kept{L"kept"};
+    info.GetSoftComponentItems(kept, L"ROOT");
+    EXPECT_EQ(kept, (Strings{L"kept", kNic, kUsbNic}));
+    info.GetSoftComponentItems(kept, L"root");  // case-sensitive
+    EXPECT_EQ(kept.size(), 3u);
+    EXPECT_EQ(Rooms(machine), Calls(7 + 2 + 7, "522"));
+
     Strings ids{L"stale"};
-    {
-        SimulatedMachine machine(MachineFile{"device-tree"});
-        info.GetAllDeviceHardwareId(ids);
-        EXPECT_EQ(ids, Strings{kNic});
-        EXPECT_EQ(machine.Asked("setupapi").front(), "open " + kAllSet);
-    }
-    SimulatedMachine machine(Tree({Device({"PCI\\VEN_1"}), Device({}), Device({"pci\\VEN_2"}), Device({"PCIe"}),
-                                   Device({"XPCI", "PCI\\VEN_4"})}, kAllSet));
+    info.GetAllDeviceHardwareId(ids);
+    EXPECT_EQ(ids, Strings{kNic});
+    Devices(Tree({Device({"PCI\\VEN_1"}), Device({}), Device({"pci\\VEN_2"}), Device({"PCIe"}), Device({"XPCI", "PCI"})}, kAllSet));
     info.GetAllDeviceHardwareId(ids);
     EXPECT_EQ(ids, (Strings{L"PCI\\VEN_1", L"PCIe"}));
 }
 
-TEST_F(DeviceTreeTest, SoftComponentsAppendByParentSubstring) {
-    Strings ids{L"kept"};
-    info.GetSoftComponentItems(ids, L"ROOT");
-    EXPECT_EQ(ids, (Strings{L"kept", kNic, kUsbNic}));
-    info.GetSoftComponentItems(ids, L"root");  // case-sensitive
-    EXPECT_EQ(ids.size(), 3u);
-    EXPECT_EQ(Rooms(machine), Calls(7 + 2 + 7, "522"));
-}
 
 TEST_F(DeviceInformationTest, InternalDevicesAreTheNonRemovableOnes) {
-    {
-        SimulatedMachine machine(MachineFile{"device-tree"});
-        EXPECT_EQ(info.GetInternalDeviceHardwareId(kNet), Strings{kUsbNic});
-        EXPECT_THAT(machine.Asked("cfgmgr"), testing::ElementsAre(testing::EndsWith("&0&FE"), testing::EndsWith("000001")));
-    }
-    SimulatedMachine machine(Tree({Device({"A"}), Device({"B"}, Json::object(), {{"error", CR_NO_SUCH_DEVNODE}}), Device({}), Device({"C"})}));
+    EXPECT_EQ(info.GetInternalDeviceHardwareId(kNet), Strings{kUsbNic});
+    EXPECT_THAT(machine.Asked("cfgmgr"), testing::ElementsAre(testing::EndsWith("&0&FE"), testing::EndsWith("000001")));
+    Devices(Tree({Device({"A"}), Device({"B"}, Json::object(), {{"error", CR_NO_SUCH_DEVNODE}}), Device({}), Device({"C"})}));
     EXPECT_EQ(info.GetInternalDeviceHardwareId(kNet), (Strings{L"A", L"C"}));
 }
 
 TEST_F(DeviceInformationTest, HardwareIdListWalksTheMultiStringWithinTheBuffer) {
-    {
-        SimulatedMachine machine(MachineFile{"device-tree"});
-        EXPECT_EQ(info.GetDeviceHardwareIDList(kMedia, kCodec), (Strings{kCodec, L"HDAUDIO\\FUNC_01&VEN_10EC"}));
-        EXPECT_EQ(info.GetDeviceHardwareIDList(kMedia, kHdmi), Strings{kHdmi});
-        EXPECT_TRUE(info.GetDeviceHardwareIDList(kMedia, L"HDAUDIO\\FUNC_01&VEN_10EC").empty());
-    }
+    EXPECT_EQ(info.GetDeviceHardwareIDList(kMedia, kCodec), (Strings{kCodec, L"HDAUDIO\\FUNC_01&VEN_10EC"}));
+    EXPECT_EQ(info.GetDeviceHardwareIDList(kMedia, kHdmi), Strings{kHdmi});
+    EXPECT_TRUE(info.GetDeviceHardwareIDList(kMedia, L"HDAUDIO\\FUNC_01&VEN_10EC").empty());
     // 250 + 3 + 3 characters and their zeros fill the 520 bytes exactly; a
     // longer list fails to read, and the unchecked read then matches "".
     const std::wstring first(250, L'A');
-    {
-        SimulatedMachine machine(Tree({Device({std::string(250, 'A'), "BBB", "CCC"})}));
-        EXPECT_EQ(info.GetDeviceHardwareIDList(kNet, first), (Strings{first, L"BBB", L"CCC"}));
-    }
-    SimulatedMachine machine(Tree({Device({std::string(250, 'A'), std::string(20, 'B')})}));
+    Devices(Tree({Device({std::string(250, 'A'), "BBB", "CCC"})}));
+    EXPECT_EQ(info.GetDeviceHardwareIDList(kNet, first), (Strings{first, L"BBB", L"CCC"}));
+    Devices(Tree({Device({std::string(250, 'A'), std::string(20, 'B')})}));
     EXPECT_TRUE(info.GetDeviceHardwareIDList(kNet, first).empty());
     EXPECT_EQ(info.GetDeviceHardwareIDList(kNet, L""), Strings{L""});
 }
 
 TEST_F(DeviceInformationTest, InstallTimeInMillisecondsSince1970) {
-    {
-        SimulatedMachine machine(MachineFile{"device-tree"});
-        EXPECT_EQ(info.GetLastIntallTime(kCodec, kMedia), 86400000ull);
-        EXPECT_EQ(info.GetLastIntallTime(kHdmi, kMedia), 0ull);  // no install date
-        EXPECT_EQ(info.GetLastIntallTime(L"NONE", kMedia), 0ull);
-        EXPECT_THAT(machine.Calls("setupapi"), testing::Contains(kCodecNode + " DEVPKEY_Device_FirstInstallDate [room 520 bytes]"
-                                                                              " -> {\"filetime\":116445600000000000}"));
-    }
+    EXPECT_EQ(info.GetLastIntallTime(kCodec, kMedia), 86400000ull);
+    EXPECT_EQ(info.GetLastIntallTime(kHdmi, kMedia), 0ull);  // no install date
+    EXPECT_EQ(info.GetLastIntallTime(L"NONE", kMedia), 0ull);
+    EXPECT_THAT(machine.Calls("setupapi"), testing::Contains(kCodecNode + " DEVPKEY_Device_FirstInstallDate [room 520 bytes]"
+                                                                          " -> {\"filetime\":116445600000000000}"));
     constexpr unsigned long long kWrapped = (0ull - 116444736000000000ull) / 10000;  // an empty answer wraps, on purpose
     for (const auto& [bytes, expected] : {std::pair{"", kWrapped}, {"00", kWrapped}, {"000000000000000000", 0ull}}) {
-        SimulatedMachine machine(Tree({Device({"A"}, {{"DEVPKEY_Device_FirstInstallDate", {{"type", 16}, {"binary", bytes}}}})}));
+        Devices(Tree({Device({"A"}, {{"DEVPKEY_Device_FirstInstallDate", {{"type", 16}, {"binary", bytes}}}})}));
         EXPECT_EQ(info.GetLastIntallTime(L"A", kNet), expected) << bytes;
     }
 }
 
 TEST_F(DeviceInformationTest, DriverStackEntries) {
-    {
-        SimulatedMachine machine(MachineFile{"device-tree"});
-        EXPECT_EQ(info.GetDeviceStatck(kCodec, kMedia), (Strings{L"\\Driver\\IntcAzAudAddService", L"\\Driver\\HDAudBus"}));
-        EXPECT_EQ(Rooms(machine), (Calls{"520", "0", "92"})) << "the size first, then the stack";
-        EXPECT_TRUE(info.GetDeviceStatck(kHdmi, kMedia).empty());
-    }
-    SimulatedMachine machine(Tree({Device({"A"}, {{"DEVPKEY_Device_Stack", {{"string", "\\Driver\\Single"}}}}),
-                                   Device({"B"}, {{"DEVPKEY_Device_Stack", {{"type", 3}, {"binary", "78007900"}}}}),
-                                   Device({"C"}, {{"DEVPKEY_Device_Stack", {{"type", 18}, {"binary", "41"}}}})}));
+    EXPECT_EQ(info.GetDeviceStatck(kCodec, kMedia), (Strings{L"\\Driver\\IntcAzAudAddService", L"\\Driver\\HDAudBus"}));
+    EXPECT_EQ(Rooms(machine), (Calls{"520", "0", "92"})) << "the size first, then the stack";
+    EXPECT_TRUE(info.GetDeviceStatck(kHdmi, kMedia).empty());
+    Devices(Tree({Device({"A"}, {{"DEVPKEY_Device_Stack", {{"string", "\\Driver\\Single"}}}}),
+                  Device({"B"}, {{"DEVPKEY_Device_Stack", {{"type", 3}, {"binary", "78007900"}}}}),
+                  Device({"C"}, {{"DEVPKEY_Device_Stack", {{"type", 18}, {"binary", "41"}}}})}));
     EXPECT_EQ(info.GetDeviceStatck(L"A", kNet), Strings{L"\\Driver\\Single"});
     EXPECT_TRUE(info.GetDeviceStatck(L"B", kNet).empty()) << "neither a string nor a string list";
     EXPECT_TRUE(info.GetDeviceStatck(L"C", kNet).empty()) << "one byte";

@@ -16,8 +16,6 @@
 namespace torvex::test {
 namespace {
 
-using testing::Contains;
-using testing::StartsWith;
 using Calls = std::vector<std::string>;
 
 const std::string kDrive0 = "\\\\.\\PHYSICALDRIVE0";
@@ -161,8 +159,8 @@ TEST_F(DiskTest, FreeSpaceAddsTheDrivesDiskVolumesInBothVariants) {
     EXPECT_EQ(Query(HAL_DISK_FREE_MIB), 10240u + 3072u) << "all free bytes, not the caller's quota";
     EXPECT_EQ(g_invalidCloses, 26 - 5) << "the first variant closes every unopened volume's invalid handle";
     EXPECT_EQ(machine.Asked("volume"), (Calls{"free space of C:", "free space of H:"}));
-    EXPECT_THAT(machine.Calls("file"), Contains("open \\\\.\\C: [access 0x0, share 0x3, disposition 3, flags 0x0] -> opened"));
-    EXPECT_THAT(machine.Calls("ioctl"), Contains(StartsWith("\\\\.\\C: IOCTL_STORAGE_GET_DEVICE_NUMBER [out 12 bytes]")));
+    EXPECT_THAT(machine.Calls("file"), testing::Contains("open \\\\.\\C: [access 0x0, share 0x3, disposition 3, flags 0x0] -> opened"));
+    EXPECT_THAT(machine.Calls("ioctl"), testing::Contains(testing::StartsWith("\\\\.\\C: IOCTL_STORAGE_GET_DEVICE_NUMBER [out 12 bytes]")));
     g_invalidCloses = 0;
     EXPECT_EQ(Query(HAL_DISK_FREE_MIB_EX), 10240u + 3072u);
     EXPECT_EQ(g_invalidCloses, 0);
@@ -177,37 +175,32 @@ TEST_F(DiskTest, FreeSpaceAddsTheDrivesDiskVolumesInBothVariants) {
 }
 
 TEST_F(DiskTest, WmiTextsUseTheirExactQueriesAndOnlyAnEmptyMediaTypeFails) {
-    struct Case {
-        uint32_t code;
-        const char* query;
-        const char* property;  // as asked: the serial with a lower-case first letter
-        const char* answer;
-        const wchar_t* expected;
-    } const cases[] = {
+    // Code, query, property as asked (the serial with a lower-case first letter), answer, text handed out.
+    const std::tuple<uint32_t, std::string, std::string, const char*, std::wstring> cases[] = {
         {HAL_DISK_MEDIA_TYPE, "SELECT MediaType FROM Win32_DiskDrive WHERE Index = '12'", "MediaType", "Fixed media", L"Fixed media"},
         {HAL_DISK_CAPTION, "SELECT Caption FROM Win32_DiskDrive WHERE Index='12'", "Caption", " Disk X ", L" Disk X "},
         {HAL_DISK_SERIAL_NUMBER, "SELECT SerialNumber FROM Win32_DiskDrive WHERE Index='12'", "serialNumber", "   ABC  ", L"ABC  "},
         {HAL_DISK_FIRMWARE_REVISION, "SELECT FirmwareRevision FROM Win32_DiskDrive WHERE Index='12'", "FirmwareRevision", "1.0", L"1.0"},
     };
     record.driveNumber = 12;
-    for (const Case& c : cases) {
-        SimulatedMachine machine(Wmi("ROOT\\CIMV2", c.query, Json::array({{{c.property, c.answer}}})));
+    for (const auto& [code, query, property, answer, expected] : cases) {
+        SimulatedMachine machine(Wmi("ROOT\\CIMV2", query, Json::array({{{property, answer}}})));
         wchar_t buffer[16];
-        std::memset(buffer, 0xEE, sizeof(buffer));
+        std::fill(buffer, buffer + 16, 0xEEEE);
         uint32_t written = 0xBAD;
-        const uint32_t bytes = static_cast<uint32_t>(wcslen(c.expected) * 2);
-        EXPECT_EQ(HalQueryInformation(HAL_CLASS_DISK, &record, c.code, buffer, bytes - 1, &written), 0u);
-        EXPECT_TRUE(buffer[0] == 0xEEEE && written == 0xBADu) << c.query;
-        ASSERT_EQ(HalQueryInformation(HAL_CLASS_DISK, &record, c.code, buffer, bytes, &written), 1u) << c.query;
-        EXPECT_EQ(std::wstring(buffer, written / 2 + 1), c.expected + std::wstring(1, 0xEEEE)) << "no terminator";
-        EXPECT_EQ(machine.Asked("wmi"), Calls(2, Asked(c.query)));
+        const auto bytes = static_cast<uint32_t>(expected.size() * 2);
+        EXPECT_EQ(HalQueryInformation(HAL_CLASS_DISK, &record, code, buffer, bytes - 1, &written), 0u);
+        EXPECT_TRUE(buffer[0] == 0xEEEE && written == 0xBADu) << query;
+        ASSERT_EQ(HalQueryInformation(HAL_CLASS_DISK, &record, code, buffer, bytes, &written), 1u) << query;
+        EXPECT_EQ(std::wstring(buffer, written / 2 + 1), expected + L'\xEEEE') << "no terminator";
+        EXPECT_EQ(machine.Asked("wmi"), Calls(2, Asked(query)));
 
         // A row without the property: the trace names it as it was asked.
-        machine.profile.doc()["wmi"]["ROOT\\CIMV2"]["queries"][c.query]["rows"][0] = Json::object();
+        machine.profile.doc()["wmi"]["ROOT\\CIMV2"]["queries"][query]["rows"][0] = Json::object();
         written = 0xBAD;
-        EXPECT_EQ(HalQueryInformation(HAL_CLASS_DISK, &record, c.code, buffer, 16, &written), c.code != HAL_DISK_MEDIA_TYPE);
-        EXPECT_EQ(written, c.code != HAL_DISK_MEDIA_TYPE ? 0u : 0xBADu);
-        EXPECT_EQ(machine.Calls("wmi").back(), Asked(c.query) + " [WQL, flags 48] -> 1 row; " + c.property + " missing");
+        EXPECT_EQ(HalQueryInformation(HAL_CLASS_DISK, &record, code, buffer, 16, &written), code != HAL_DISK_MEDIA_TYPE);
+        EXPECT_EQ(written, code != HAL_DISK_MEDIA_TYPE ? 0u : 0xBADu);
+        EXPECT_EQ(machine.Calls("wmi").back(), Asked(query) + " [WQL, flags 48] -> 1 row; " + property + " missing");
     }
 }
 
@@ -232,8 +225,7 @@ TEST_F(DiskTest, RefusalsLeaveBufferAndCountAlone) {
     uint8_t buffer[16];
     std::fill(buffer, buffer + 16, 0xEE);
     uint32_t written = 9;
-    EXPECT_EQ(HalQueryInformation(HAL_CLASS_DISK, &record, 12, buffer, 16, &written), 0u);
-    EXPECT_EQ(HalQueryInformation(HAL_CLASS_DISK, &record, 0xFFFFFFFF, buffer, 16, &written), 0u);
+    for (uint32_t code : {12u, 0xFFFFFFFFu}) EXPECT_EQ(HalQueryInformation(HAL_CLASS_DISK, &record, code, buffer, 16, &written), 0u);
     EXPECT_EQ(HalQueryInformation(HAL_CLASS_DISK, &record, HAL_DISK_IS_SSD, buffer, 3, &written), 0u);
     for (uint32_t code = 0; code <= 11; ++code) {
         EXPECT_EQ(HalQueryInformation(HAL_CLASS_DISK, &record, code, nullptr, 16, &written), 0u) << code;
