@@ -16,38 +16,37 @@ namespace {
 
 using Calls = std::vector<std::string>;
 const std::string kProblemQuery = "SELECT Caption FROM Win32_PnPEntity WHERE ConfigManagerErrorCode !=0";
-
-// ROOT\CIMV2 answering a query with rows.
-Json Wmi(const std::string& query = kProblemQuery, const Json& rows = Json::array()) {
-    return {{"wmi", {{"ROOT\\CIMV2", {{"queries", {{query, {{"rows", rows}}}}}}}}}};
-}
 std::string Asked(const std::string& query) { return "ROOT\\CIMV2 \"" + query + "\""; }
-
-// HalInit(20)'s list: size, count, captions (an empty one as its whole field); none when refused.
-std::vector<std::wstring> List(const std::vector<std::string>& captions) {
-    Json rows = Json::array();
-    for (const std::string& caption : captions) rows.push_back({{"Caption", caption}});
-    SimulatedMachine machine(Wmi(kProblemQuery, rows));
-    void* out = reinterpret_cast<void*>(0x1234);
-    if (HalInit(HAL_CLASS_DRIVER, &out) == 0) {
-        EXPECT_EQ(out, reinterpret_cast<void*>(0x1234));
-        return {};
-    }
-    EXPECT_EQ(machine.Asked("wmi"), Calls{Asked(kProblemQuery)});
-    uint32_t header[2];
-    std::memcpy(header, out, 8);
-    std::vector<std::wstring> list = {std::to_wstring(header[0]), std::to_wstring(header[1])};
-    for (uint32_t i = 0; i < header[1]; ++i) {
-        const auto* field = reinterpret_cast<const wchar_t*>(static_cast<uint8_t*>(out) + 8 + 520 * i);
-        list.emplace_back(field, wcsnlen(field, 260) != 0 ? wcsnlen(field, 260) : 260);
-    }
-    std::free(out);
-    return list;
-}
 
 class DeviceDriverTest : public ::testing::Test {
 protected:
     void TearDown() override { ExpectNothingHeld(); }
+    // ROOT\CIMV2 answers the query with these rows, and nothing else.
+    void Answer(const std::string& query, const Json& rows) {
+        machine.profile.doc()["wmi"]["ROOT\\CIMV2"]["queries"] = {{query, {{"rows", rows}}}};
+        machine.trace.Clear();
+    }
+    // HalInit(20)'s list: size, count, captions (an empty one as its whole field); none when refused.
+    std::vector<std::wstring> List(const std::vector<std::string>& captions) {
+        Json rows = Json::array();
+        for (const std::string& caption : captions) rows.push_back({{"Caption", caption}});
+        Answer(kProblemQuery, rows);
+        void* out = reinterpret_cast<void*>(0x1234);
+        if (HalInit(HAL_CLASS_DRIVER, &out) == 0) {
+            EXPECT_EQ(out, reinterpret_cast<void*>(0x1234));
+            return {};
+        }
+        uint32_t header[2];
+        std::memcpy(header, out, 8);
+        std::vector<std::wstring> list = {std::to_wstring(header[0]), std::to_wstring(header[1])};
+        for (uint32_t i = 0; i < header[1]; ++i) {
+            const auto* field = reinterpret_cast<const wchar_t*>(static_cast<uint8_t*>(out) + 8 + 520 * i);
+            list.emplace_back(field, wcsnlen(field, 260) != 0 ? wcsnlen(field, 260) : 260);
+        }
+        std::free(out);
+        return list;
+    }
+    SimulatedMachine machine{Json{{"wmi", {{"ROOT\\CIMV2", {{"queries", Json::object()}}}}}}};
 };
 
 TEST_F(DeviceDriverTest, OneCaptionFieldPerProblemDeviceSplitAtEverySeparator) {
@@ -63,11 +62,10 @@ TEST_F(DeviceDriverTest, OneCaptionFieldPerProblemDeviceSplitAtEverySeparator) {
 TEST_F(DeviceDriverTest, TextFactsAskWithTheCaptionAndNeedRoomForATerminator) {
     wchar_t caption[] = L"Unknown USB Device";
     const std::pair<uint32_t, const char*> cases[] = {{HAL_DRIVER_DEVICE_ID, "DeviceID"}, {HAL_DRIVER_CLASS_GUID, "ClassGuid"},
-                                                      {HAL_DRIVER_MANUFACTURER, "Manufacturer"}, {HAL_DRIVER_SERVICE, "Service"},
-                                                      {HAL_DRIVER_STATUS, "Status"}};
+        {HAL_DRIVER_MANUFACTURER, "Manufacturer"}, {HAL_DRIVER_SERVICE, "Service"}, {HAL_DRIVER_STATUS, "Status"}};
     for (const auto& [code, property] : cases) {
         const std::string query = "SELECT " + std::string(property) + " FROM Win32_PnPEntity WHERE Caption='Unknown USB Device'";
-        SimulatedMachine machine(Wmi(query, {{{property, "value-" + std::to_string(code)}}}));
+        Answer(query, {{{property, "value-" + std::to_string(code)}}});
         char buffer[32];
         std::memset(buffer, '#', sizeof(buffer));
         uint32_t written = 0xBAD;
@@ -76,15 +74,31 @@ TEST_F(DeviceDriverTest, TextFactsAskWithTheCaptionAndNeedRoomForATerminator) {
         ASSERT_EQ(HalQueryInformation(HAL_CLASS_DRIVER, caption, code, buffer, 8, &written), 1u) << property;
         EXPECT_EQ(std::string(buffer, 8), "value-" + std::to_string(code) + "#");
         EXPECT_EQ(written, 7u);
-        EXPECT_EQ(machine.Asked("wmi"), Calls(2, Asked(query)));
-        machine.profile.doc()["wmi"]["ROOT\\CIMV2"]["queries"][query]["rows"][0][property] = "";
+        Answer(query, {{{property, ""}}});
         EXPECT_EQ(HalQueryInformation(HAL_CLASS_DRIVER, caption, code, buffer, 32, &written), 0u) << "an empty answer";
         EXPECT_EQ(written, 7u);
     }
 }
 
+TEST_F(DeviceDriverTest, ErrorCodeLeavesWrittenAlone) {
+    wchar_t caption[] = L"Camera";
+    const std::string query = "SELECT ConfigManagerErrorCode FROM Win32_PnPEntity WHERE Caption='Camera'";
+    for (const auto& [answer, result] : {std::pair{Json(28), 1u}, {Json(0xFFFFFFFFu), 0u}, {Json(nullptr), 0u}}) {
+        Answer(query, {{{"ConfigManagerErrorCode", answer}}});
+        uint32_t value = 77, written = 55;
+        EXPECT_EQ(HalQueryInformation(HAL_CLASS_DRIVER, caption, HAL_DRIVER_ERROR_CODE, &value, 3, &written), 0u);
+        ASSERT_EQ(HalQueryInformation(HAL_CLASS_DRIVER, caption, HAL_DRIVER_ERROR_CODE, &value, 4, &written), result);
+        EXPECT_TRUE(value == (result != 0 ? 28u : 77u) && written == 55) << answer;
+    }
+    // The caption goes into the query as it is: an apostrophe breaks it.
+    wchar_t other[] = L"It's broken";
+    uint32_t value = 77, written = 55;
+    EXPECT_EQ(HalQueryInformation(HAL_CLASS_DRIVER, other, HAL_DRIVER_STATUS, &value, 4, &written), 0u);
+    EXPECT_EQ(machine.Asked("wmi").back(), Asked("SELECT Status FROM Win32_PnPEntity WHERE Caption='It's broken'"));
+    EXPECT_TRUE(value == 77 && written == 55);
+}
+
 TEST_F(DeviceDriverTest, TheCaptionNeedsNoQueryAndRefusalsAskNothing) {
-    SimulatedMachine machine(Wmi());
     wchar_t caption[] = L"Unknown USB Device", empty[] = L"";
     char buffer[32];
     uint32_t written = 0xBAD;
