@@ -14,7 +14,6 @@
 namespace torvex::test {
 namespace {
 
-using Calls = std::vector<std::string>;
 const std::string kProblemQuery = "SELECT Caption FROM Win32_PnPEntity WHERE ConfigManagerErrorCode !=0";
 std::string Asked(const std::string& query) { return "ROOT\\CIMV2 \"" + query + "\""; }
 
