@@ -453,6 +453,11 @@ BOOL WINAPI HookGetProperty(HDEVINFO set, PSP_DEVINFO_DATA data, const DEVPROPKE
         if (read) value = EncodeProperty(kind, bytes);
         else if (error != ERROR_NOT_FOUND) value = Json{{"error", error}};
     } else {
+        if (id.empty()) {  // a record the set never filled: refused, as Windows refuses it
+            Note("setupapi", "a record of no device " + name, "error 87", true, Room(size));
+            SetLastError(ERROR_INVALID_PARAMETER);
+            return FALSE;
+        }
         const Json* found = Replayed({"devices", "nodes", id, "properties", name});
         if (found == nullptr) {
             Note("setupapi", call, "not in the profile", true, Room(size));
@@ -564,9 +569,24 @@ BOOL WINAPI HookRemove(HDEVINFO set, PSP_DEVINFO_DATA data) {
     return TRUE;
 }
 
+// Traced with the parameters: the header, and a removal's scope and profile.
 BOOL WINAPI HookSetInstallParams(HDEVINFO set, PSP_DEVINFO_DATA data, PSP_CLASSINSTALL_HEADER header, DWORD size) {
-    if (Sim(set) == nullptr) return g_SetupDiSetClassInstallParamsW(set, data, header, size);
-    return header != nullptr ? TRUE : FALSE;
+    Lock lock(Active().mutex);
+    std::string detail = "no header";
+    if (header != nullptr) {
+        detail = "header " + std::to_string(header->cbSize) + " bytes, function " + std::to_string(header->InstallFunction) +
+                 ", " + std::to_string(size) + " bytes";
+        if (header->InstallFunction == DIF_REMOVE && size >= sizeof(SP_REMOVEDEVICE_PARAMS)) {
+            const auto* params = reinterpret_cast<const SP_REMOVEDEVICE_PARAMS*>(header);
+            detail += ", scope " + std::to_string(params->Scope) + ", profile " + std::to_string(params->HwProfile);
+        }
+    }
+    const std::string call = "class install params on " + IdOf(set, data);
+    const BOOL done = Sim(set) == nullptr ? g_SetupDiSetClassInstallParamsW(set, data, header, size) : header != nullptr;
+    const DWORD error = GetLastError();
+    Note("setupapi", call, done ? "set" : "error " + std::to_string(error), !done, detail);
+    SetLastError(error);
+    return done;
 }
 
 BOOL WINAPI HookCallInstaller(DI_FUNCTION function, HDEVINFO set, PSP_DEVINFO_DATA data) {
@@ -601,14 +621,14 @@ CONFIGRET WINAPI HookDeviceId(DEVINST node, PWSTR buffer, ULONG length, ULONG fl
     if (Active().live()) {
         const CONFIGRET result = g_CM_Get_Device_ID_ExW(node, buffer, length, flags, machine);
         Note("cfgmgr", "device ID", result == CR_SUCCESS ? Utf8(buffer) : "error " + std::to_string(result),
-             result != CR_SUCCESS);
+             result != CR_SUCCESS, "room " + std::to_string(length) + " chars");
         return result;
     }
     if (node < 1 || node > g_nodeIds.size()) return CR_INVALID_DEVNODE;
     const std::wstring id = Wide(g_nodeIds[node - 1]);
     if (buffer == nullptr || length <= id.size()) return CR_BUFFER_SMALL;
     std::memcpy(buffer, id.c_str(), (id.size() + 1) * sizeof(wchar_t));
-    Note("cfgmgr", "device ID", g_nodeIds[node - 1], false);
+    Note("cfgmgr", "device ID", g_nodeIds[node - 1], false, "room " + std::to_string(length) + " chars");
     return CR_SUCCESS;
 }
 

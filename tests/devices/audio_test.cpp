@@ -1,347 +1,174 @@
-// Audio endpoints (class 5): codec list and codec facts over the fake device
-// tree, the endpoint acquisition guard against a fake Core Audio enumerator,
-// callbacks and their release, and the volume arithmetic on its own.
+// Audio endpoints (class 5) over tests/machines/device-tree, the volume
+// arithmetic on its own, and Wine's own machine.
 #include <endpointvolume.h>
-#include <mmdeviceapi.h>
 
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 
 #include "devices/audio_volume.h"
-#include "devices/device_property_keys.h"
 #include "support/fake_com.h"
-#include "support/fake_setupapi.h"
+#include "support/simulated_machine.h"
+#include "support/torvex_test.h"
 
 namespace torvex::test {
 namespace {
 
-namespace keys = torvex::devkeys;
-constexpr CLSID kClsidDeviceEnumerator = {0xBCDE0395, 0xE52F, 0x467C, {0x8E, 0x3D, 0xC4, 0x57, 0x92, 0x91, 0x69, 0x2E}};
-
-// Counts what the library asks of Core Audio; every endpoint it hands out is
-// a volume object that answers 0.256 and unmuted.
-struct CoreAudioLog {
-    int enumerators = 0;
-    int endpoints = 0;
-    int activations = 0;
-};
-
-class FakeVolume : public ComObject<IAudioEndpointVolume> {
-public:
-    HRESULT STDMETHODCALLTYPE RegisterControlChangeNotify(IAudioEndpointVolumeCallback*) override { return S_OK; }
-    HRESULT STDMETHODCALLTYPE UnregisterControlChangeNotify(IAudioEndpointVolumeCallback*) override { return S_OK; }
-    HRESULT STDMETHODCALLTYPE GetChannelCount(UINT*) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE SetMasterVolumeLevel(float, LPCGUID) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE SetMasterVolumeLevelScalar(float, LPCGUID) override { return S_OK; }
-    HRESULT STDMETHODCALLTYPE GetMasterVolumeLevel(float*) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE GetMasterVolumeLevelScalar(float* level) override {
-        *level = 0.256f;
-        return S_OK;
-    }
-    HRESULT STDMETHODCALLTYPE SetChannelVolumeLevel(UINT, float, LPCGUID) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE SetChannelVolumeLevelScalar(UINT, float, LPCGUID) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE GetChannelVolumeLevel(UINT, float*) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE GetChannelVolumeLevelScalar(UINT, float*) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE SetMute(BOOL, LPCGUID) override { return S_OK; }
-    HRESULT STDMETHODCALLTYPE GetMute(BOOL* muted) override {
-        *muted = FALSE;
-        return S_OK;
-    }
-    HRESULT STDMETHODCALLTYPE GetVolumeStepInfo(UINT*, UINT*) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE VolumeStepUp(LPCGUID) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE VolumeStepDown(LPCGUID) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE QueryHardwareSupport(DWORD*) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE GetVolumeRange(float*, float*, float*) override { return E_NOTIMPL; }
-};
-
-class FakeEndpoint : public ComObject<IMMDevice> {
-public:
-    explicit FakeEndpoint(CoreAudioLog& log) : log_(log) {}
-    HRESULT STDMETHODCALLTYPE Activate(REFIID, DWORD, PROPVARIANT*, void** out) override {
-        ++log_.activations;
-        *out = static_cast<IAudioEndpointVolume*>(new FakeVolume);
-        return S_OK;
-    }
-    HRESULT STDMETHODCALLTYPE OpenPropertyStore(DWORD, IPropertyStore**) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE GetId(LPWSTR*) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE GetState(DWORD*) override { return E_NOTIMPL; }
-
-private:
-    CoreAudioLog& log_;
-};
-
-class FakeEnumerator : public ComObject<IMMDeviceEnumerator> {
-public:
-    explicit FakeEnumerator(CoreAudioLog& log) : log_(log) {}
-    HRESULT STDMETHODCALLTYPE EnumAudioEndpoints(EDataFlow, DWORD, IMMDeviceCollection**) override {
-        return E_NOTIMPL;
-    }
-    HRESULT STDMETHODCALLTYPE GetDefaultAudioEndpoint(EDataFlow, ERole, IMMDevice** out) override {
-        ++log_.endpoints;
-        *out = new FakeEndpoint(log_);
-        return S_OK;
-    }
-    HRESULT STDMETHODCALLTYPE GetDevice(LPCWSTR, IMMDevice**) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE RegisterEndpointNotificationCallback(IMMNotificationClient*) override {
-        return E_NOTIMPL;
-    }
-    HRESULT STDMETHODCALLTYPE UnregisterEndpointNotificationCallback(IMMNotificationClient*) override {
-        return E_NOTIMPL;
-    }
-
-private:
-    CoreAudioLog& log_;
-};
-
-class FakeCallback : public ComObject<IAudioEndpointVolumeCallback> {
+class Callback : public ComObject<IAudioEndpointVolumeCallback> {
 public:
     HRESULT STDMETHODCALLTYPE OnNotify(PAUDIO_VOLUME_NOTIFICATION_DATA) override { return S_OK; }
 };
 
-const wchar_t kRealtek[] = L"HDAUDIO\\FUNC_01&VEN_10EC&DEV_0295&SUBSYS_1028";
-const wchar_t kConexant[] = L"HDAUDIO\\FUNC_01&VEN_14F1&DEV_50F4";
+// A sentinel-filled buffer and count; Refused() when a call left both alone.
+struct Out {
+    uint8_t bytes[64];
+    uint32_t written = 0xBAD;
+    Out() { std::memset(bytes, 0xCC, sizeof(bytes)); }
+    bool Refused() const { return written == 0xBADu && std::count(bytes, bytes + 64, 0xCC) == 64; }
+};
 
 class AudioTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        ASSERT_TRUE(registration.registered());
-        tree.Add(FakeDevice(keys::kMediaClass)
-                     .Ids({kRealtek})
-                     .Desc(L"Realtek Audio")
-                     .Text(keys::kManufacturer, L"Realtek")
-                     .Text(keys::kDriverVersion, L"6.0.1.1")
-                     .Problem(28));
-        tree.Add(FakeDevice(keys::kMediaClass).Ids({L"HDAUDIO\\FUNC_01&VEN_8086&DEV_2812"}).Desc(L"Intel HDMI"));
-        tree.Add(FakeDevice(keys::kMediaClass).Ids({L"HDAUDIO\\FUNC_01&ven_10ec&DEV_0256"}).Desc(L"lower case"));
-        tree.Add(FakeDevice(keys::kMediaClass).Ids({kConexant}).Desc(L""));
-        tree.Add(FakeDevice(keys::kDeviceSet).Ids({L"PCI\\VEN_10EC&DEV_8168"}).Desc(L"other class"));
-    }
     void TearDown() override {
-        HalCloseDevice(HAL_CLASS_AUDIO, nullptr);
-        EXPECT_EQ(tree.OpenSets(), 0);
+        EXPECT_EQ(HalCloseDevice(HAL_CLASS_AUDIO, nullptr), 1u);
+        ExpectNothingHeld();
+        std::free(list_);
     }
-
-    // Record i of a list from HalInit(5).
-    void* Record(uint32_t i) { return list_ + 8 + 16 * i; }
     void Init() {
-        void* out = nullptr;
-        ASSERT_EQ(HalInit(HAL_CLASS_AUDIO, &out), 1u);
-        list_ = static_cast<uint8_t*>(out);
+        std::free(list_);
+        list_ = nullptr;
+        EXPECT_EQ(HalInit(HAL_CLASS_AUDIO, reinterpret_cast<void**>(&list_)), 1u);
+        if (list_ == nullptr) list_ = static_cast<uint8_t*>(std::calloc(1, 72));  // a failed test goes on without crashing
     }
-    ~AudioTest() override { std::free(list_); }
+    void* Record(uint32_t i) { return list_ + 8 + 16 * i; }
+    uint32_t Query(void* record, uint32_t code, Out& out, uint32_t size = 64) {
+        return HalQueryInformation(HAL_CLASS_AUDIO, record, code, out.bytes, size, &out.written);
+    }
 
-    CoreAudioLog log;
-    ComClassRegistration registration{kClsidDeviceEnumerator, [this](REFIID iid, void** out) -> HRESULT {
-                                          ++log.enumerators;
-                                          auto* fake = new FakeEnumerator(log);
-                                          const HRESULT hr = fake->QueryInterface(iid, out);
-                                          fake->Release();
-                                          return hr;
-                                      }};
-    FakeDeviceTree tree;
+    SimulatedMachine machine{MachineFile{"device-tree"}};
     uint8_t* list_ = nullptr;
 };
 
-TEST_F(AudioTest, ListHoldsOneIndexedRecordPerRealtekOrConexantCodec) {
+TEST_F(AudioTest, OneIndexedRecordPerRealtekOrConexantCodec) {
     Init();
-    uint32_t header[2];
-    std::memcpy(header, list_, sizeof(header));
-    EXPECT_EQ(header[0], 8u + 16u * 2);
-    EXPECT_EQ(header[1], 2u);
-    for (uint32_t i = 0; i < 2; ++i) {
-        uint32_t index = 0xFFFF;
-        std::memcpy(&index, static_cast<uint8_t*>(Record(i)) + 8, sizeof(index));
-        EXPECT_EQ(index, i);
-    }
+    uint32_t words[10];  // size, count, then per record: 2 unused, the index, 1 unused
+    std::memcpy(words, list_, sizeof(words));
+    EXPECT_TRUE(words[0] == 8 + 16 * 2 && words[1] == 2 && words[4] == 0 && words[8] == 1) << words[0] << " " << words[1];
+
+    Out count, small;  // the count goes out as 8 bytes with 4 reported, and needs 4 bytes of room
+    ASSERT_EQ(Query(nullptr, 0, count, 4), 1u);
+    EXPECT_TRUE(*reinterpret_cast<uint64_t*>(count.bytes) == 2 && count.written == 4 && count.bytes[8] == 0xCC);
+    EXPECT_EQ(Query(nullptr, 0, small, 3), 0u);
+    EXPECT_EQ(HalQueryInformation(HAL_CLASS_AUDIO, nullptr, 0, nullptr, 4, &small.written), 0u);
+    EXPECT_EQ(HalQueryInformation(HAL_CLASS_AUDIO, nullptr, 0, small.bytes, 4, nullptr), 0u);
+    EXPECT_TRUE(small.Refused());
 }
 
-TEST_F(AudioTest, FreshLibraryAcquiresNoEndpointAndVolumeCodesFail) {
+TEST_F(AudioTest, AFreshLibraryNeverReachesCoreAudio) {
     Init();
-    Init();  // a second initialisation acquires nothing either
-    EXPECT_EQ(log.enumerators, 0);
-    EXPECT_EQ(log.activations, 0);
-
-    uint32_t value = 0xAAAA;
-    uint32_t written = 0xBBBB;
-    for (uint32_t code : {3u, 4u, 5u})
-        EXPECT_EQ(HalQueryInformation(HAL_CLASS_AUDIO, Record(0), code, &value, 4, &written), 0u) << code;
-    EXPECT_EQ(value, 0xAAAAu);
-    EXPECT_EQ(written, 0xBBBBu);
-
-    const uint8_t absolute[8] = {50, 0, 0, 0, 0};
-    const uint8_t relative[8] = {10, 0, 0, 0, 1};
-    const uint32_t mute = 1;
-    EXPECT_EQ(HalSetInformation(HAL_CLASS_AUDIO, Record(0), 3, const_cast<uint8_t*>(absolute), 8, nullptr, 0), 0u);
-    EXPECT_EQ(HalSetInformation(HAL_CLASS_AUDIO, Record(0), 3, const_cast<uint8_t*>(relative), 8, nullptr, 0), 0u);
-    EXPECT_EQ(HalSetInformation(HAL_CLASS_AUDIO, Record(0), 4, const_cast<uint32_t*>(&mute), 4, nullptr, 0), 0u);
-    EXPECT_EQ(HalSetInformation(HAL_CLASS_AUDIO, Record(0), 5, const_cast<uint32_t*>(&mute), 4, nullptr, 0), 0u);
-    EXPECT_EQ(HalSetInformation(HAL_CLASS_AUDIO, nullptr, 3, const_cast<uint8_t*>(absolute), 8, nullptr, 0), 0u);
-    EXPECT_EQ(log.enumerators, 0);
+    Init();  // nor does a second initialisation
+    Out out;
+    for (uint32_t code : {3u, 4u, 5u}) EXPECT_EQ(Query(Record(0), code, out), 0u) << code;
+    EXPECT_TRUE(out.Refused());
+    uint8_t absolute[8] = {50, 0, 0, 0, 0}, relative[8] = {10, 0, 0, 0, 1};
+    uint32_t mute = 1;
+    for (const auto& [code, in] : {std::pair<uint32_t, void*>{3, absolute}, {3, relative}, {4, &mute}, {5, &mute}})
+        EXPECT_EQ(HalSetInformation(HAL_CLASS_AUDIO, Record(0), code, in, 8, nullptr, 0), 0u) << code;
+    EXPECT_TRUE(machine.Asked("audio").empty()) << "the profile has both endpoints, yet none was asked for";
 }
 
-TEST_F(AudioTest, CodecTextAndProblemCodes) {
+TEST_F(AudioTest, CodecTextsProblemCodesAndDriverVersionsAndTheirRefusals) {
     Init();
-    struct Case {
-        uint32_t index;
-        uint32_t code;
-        std::wstring text;
+    const std::tuple<uint32_t, uint32_t, std::wstring> cases[] = {  // record, code, text
+        {0, 1, L"Realtek High Definition Audio"}, {0, 2, L"Realtek"}, {0, 7, L"6.0.9235.1"},
+        {1, 1, L""}, {1, 2, L""},  // a missing property is a success with nothing written
+        {1, 7, L"10.0.22000.1"},
     };
-    const Case cases[] = {
-        {0, 1, L"Realtek Audio"}, {0, 2, L"Realtek"}, {0, 7, L"6.0.1.1"},
-        {1, 1, L""},  // an empty description is a success with nothing written
-        {1, 2, L""},  // so is a missing manufacturer
-    };
-    for (const auto& c : cases) {
-        uint8_t buffer[64];
-        std::memset(buffer, 0xCC, sizeof(buffer));
-        uint32_t written = 0xFFFF;
-        ASSERT_EQ(HalQueryInformation(HAL_CLASS_AUDIO, Record(c.index), c.code, buffer, sizeof(buffer), &written), 1u)
-            << "code " << c.code;
-        EXPECT_EQ(written, c.text.size() * 2);
-        EXPECT_EQ(std::memcmp(buffer, c.text.data(), written), 0);
-        EXPECT_EQ(buffer[written], 0xCC) << "no terminator";
+    for (const auto& [index, code, text] : cases) {
+        Out out;
+        ASSERT_EQ(Query(Record(index), code, out), 1u) << index << " code " << code;
+        EXPECT_EQ(std::wstring(reinterpret_cast<wchar_t*>(out.bytes), out.written / 2), text);
+        EXPECT_TRUE(out.written == text.size() * 2 && out.bytes[out.written] == 0xCC) << "no terminator";
     }
+    Out exact, shorter;  // 29 characters: exactly 58 bytes fit
+    EXPECT_EQ(Query(Record(0), 1, exact, 58), 1u);
+    EXPECT_EQ(Query(Record(0), 1, shorter, 57), 0u);
+    for (const auto& [index, problem] : {std::pair{0u, 28u}, {1u, 0u}}) {
+        Out out;
+        ASSERT_EQ(Query(Record(index), 6, out, 4), 1u);
+        EXPECT_TRUE(*reinterpret_cast<uint32_t*>(out.bytes) == problem && out.written == 4) << index;
+    }
+    EXPECT_EQ(Query(Record(0), 6, shorter, 3), 0u);
+    EXPECT_TRUE(shorter.Refused());
 
-    // Exactly the byte length fits; one byte less fails and leaves the buffer.
-    uint8_t exact[26];
-    uint32_t written = 0;
-    EXPECT_EQ(HalQueryInformation(HAL_CLASS_AUDIO, Record(0), 1, exact, 26, &written), 1u);
-    uint8_t shortBuffer[25] = {};
-    written = 7;
-    EXPECT_EQ(HalQueryInformation(HAL_CLASS_AUDIO, Record(0), 1, shortBuffer, 25, &written), 0u);
-    EXPECT_EQ(written, 7u);
-    EXPECT_EQ(shortBuffer[0], 0);
-
-    uint32_t problem = 0;
-    EXPECT_EQ(HalQueryInformation(HAL_CLASS_AUDIO, Record(0), 6, &problem, 4, &written), 1u);
-    EXPECT_EQ(problem, 28u);
-    EXPECT_EQ(written, 4u);
-    EXPECT_EQ(HalQueryInformation(HAL_CLASS_AUDIO, Record(1), 6, &problem, 4, &written), 1u);
-    EXPECT_EQ(problem, 0u);
-    EXPECT_EQ(HalQueryInformation(HAL_CLASS_AUDIO, Record(0), 6, &problem, 3, &written), 0u);
-}
-
-TEST_F(AudioTest, CountIsWrittenAsEightBytesButReportedAsFour) {
-    uint8_t buffer[12];
-    std::memset(buffer, 0xCC, sizeof(buffer));
-    uint32_t written = 0;
-    ASSERT_EQ(HalQueryInformation(HAL_CLASS_AUDIO, nullptr, 0, buffer, 4, &written), 1u);
-    uint64_t count = 0;
-    std::memcpy(&count, buffer, sizeof(count));
-    EXPECT_EQ(count, 2u);
-    EXPECT_EQ(written, 4u);
-    EXPECT_EQ(buffer[8], 0xCC);
-    EXPECT_EQ(HalQueryInformation(HAL_CLASS_AUDIO, nullptr, 0, buffer, 3, &written), 0u);
-    EXPECT_EQ(HalQueryInformation(HAL_CLASS_AUDIO, nullptr, 0, nullptr, 4, &written), 0u);
-}
-
-TEST_F(AudioTest, BadIndicesAndCodesFail) {
-    Init();
-    uint8_t fake[16] = {};
-    const uint32_t outOfRange = 2;
-    std::memcpy(fake + 8, &outOfRange, sizeof(outOfRange));
-    uint8_t buffer[64];
-    uint32_t written = 0;
+    uint8_t beyond[16] = {0, 0, 0, 0, 0, 0, 0, 0, 2};  // index 2 of 2 codecs
+    Out out;
     for (uint32_t code : {1u, 2u, 6u, 7u}) {
-        EXPECT_EQ(HalQueryInformation(HAL_CLASS_AUDIO, fake, code, buffer, sizeof(buffer), &written), 0u) << code;
-        EXPECT_EQ(HalQueryInformation(HAL_CLASS_AUDIO, nullptr, code, buffer, sizeof(buffer), &written), 0u) << code;
-        EXPECT_EQ(HalQueryInformation(HAL_CLASS_AUDIO, Record(0), code, buffer, sizeof(buffer), nullptr), 0u) << code;
+        EXPECT_EQ(Query(beyond, code, out), 0u) << code;
+        EXPECT_EQ(Query(nullptr, code, out), 0u) << code;
+        EXPECT_EQ(HalQueryInformation(HAL_CLASS_AUDIO, Record(0), code, out.bytes, 64, nullptr), 0u) << code;
+        EXPECT_EQ(HalQueryInformation(HAL_CLASS_AUDIO, Record(0), code, nullptr, 64, &out.written), 0u) << code;
     }
-    EXPECT_EQ(HalQueryInformation(HAL_CLASS_AUDIO, Record(0), 8, buffer, sizeof(buffer), &written), 0u);
-    EXPECT_EQ(HalSetInformation(HAL_CLASS_AUDIO, Record(0), 6, buffer, sizeof(buffer), nullptr, 0), 0u);
+    EXPECT_EQ(Query(Record(0), 8, out), 0u);
+    EXPECT_EQ(HalSetInformation(HAL_CLASS_AUDIO, Record(0), 6, out.bytes, 64, nullptr, 0), 0u);
+    EXPECT_EQ(HalSetInformation(HAL_CLASS_AUDIO, nullptr, 3, out.bytes, 8, nullptr, 0), 0u);
+    EXPECT_TRUE(out.Refused());
 }
 
-TEST_F(AudioTest, CallbacksAreStoredWithoutReferenceAndReleasedOnceAtClose) {
-    auto* first = new FakeCallback;
-    auto* second = new FakeCallback;
-    auto* ignored = new FakeCallback;
-    // No interface held: 0, yet the callback is kept.
-    EXPECT_EQ(HalSetCallback(HAL_CLASS_AUDIO, 1, first), 0u);
-    EXPECT_EQ(first->References(), 1);
-    // A second one replaces the pointer; the first is neither released nor unregistered.
-    EXPECT_EQ(HalSetCallback(HAL_CLASS_AUDIO, 1, second), 0u);
-    EXPECT_EQ(HalSetCallback(HAL_CLASS_AUDIO, 2, ignored), 1u);  // unknown selector: success, nothing kept
+TEST_F(AudioTest, CallbacksAreKeptWithoutAReferenceAndReleasedOnceAtClose) {
+    Callback* callbacks[] = {new Callback, new Callback, new Callback, new Callback};
+    auto [first, speaker, microphone, ignored] = callbacks;
+    for (Callback* callback : callbacks) callback->AddRef();  // one more, to watch them
+    EXPECT_EQ(HalSetCallback(HAL_CLASS_AUDIO, 1, first), 0u) << "no interface held, yet the callback is kept";
+    EXPECT_EQ(HalSetCallback(HAL_CLASS_AUDIO, 1, speaker), 0u);  // replaces the first, which is not released
+    EXPECT_EQ(HalSetCallback(HAL_CLASS_AUDIO, 0, microphone), 0u);
+    EXPECT_EQ(HalSetCallback(HAL_CLASS_AUDIO, 2, ignored), 1u);  // an unknown selector: success, nothing kept
     EXPECT_EQ(HalSetCallback(HAL_CLASS_AUDIO, 0, nullptr), 0u);
     EXPECT_EQ(HalSetCallback(HAL_CLASS_WIFI, 1, ignored), 0u);
-
-    second->AddRef();  // keep it alive to observe the release
-    first->AddRef();
-    ignored->AddRef();
     EXPECT_EQ(HalCloseDevice(HAL_CLASS_AUDIO, nullptr), 1u);
-    EXPECT_EQ(second->References(), 1) << "released exactly once";
-    EXPECT_EQ(first->References(), 2) << "the replaced callback is not released";
-    EXPECT_EQ(ignored->References(), 2);
-    EXPECT_EQ(HalCloseDevice(HAL_CLASS_AUDIO, nullptr), 1u);
-    EXPECT_EQ(second->References(), 1) << "a second close releases nothing more";
-    second->Release();
-    first->Release();
-    first->Release();
-    ignored->Release();
-    ignored->Release();
+    EXPECT_EQ(HalCloseDevice(HAL_CLASS_AUDIO, nullptr), 1u);  // a second close releases nothing more
+    const long references[] = {2, 1, 1, 2};
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(callbacks[i]->References(), references[i]) << i;
+        while (callbacks[i]->Release() != 0) continue;
+    }
 }
 
-TEST_F(AudioTest, MicrophoneCallbackIsReleasedToo) {
-    auto* callback = new FakeCallback;
-    callback->AddRef();
-    EXPECT_EQ(HalSetCallback(HAL_CLASS_AUDIO, 0, callback), 0u);
-    EXPECT_EQ(HalCloseDevice(HAL_CLASS_AUDIO, nullptr), 1u);
-    EXPECT_EQ(callback->References(), 1);
-    callback->Release();
-}
-
-TEST(AudioNoCodec, OtherVendorsOnlyMeanNoList) {
-    FakeDeviceTree tree;
-    tree.Add(FakeDevice(keys::kMediaClass).Ids({L"HDAUDIO\\FUNC_01&VEN_8086&DEV_2812"}));
-    void* out = reinterpret_cast<void*>(0x1234);
-    EXPECT_EQ(HalInit(HAL_CLASS_AUDIO, &out), 0u);
-    EXPECT_EQ(out, reinterpret_cast<void*>(0x1234));
+TEST_F(AudioTest, OtherVendorsOnlyMeanNoList) {
+    machine.profile.doc()["devices"]["sets"]["{4D36E96C-E325-11CE-BFC1-08002BE10318} DIGCF_PRESENT"] =
+        {"HDAUDIO\\FUNC_01&VEN_8086&DEV_2812\\4&1&0002", "HDAUDIO\\FUNC_01&ven_10ec&DEV_0256\\4&1&0003"};
+    void* list = reinterpret_cast<void*>(0x1234);
+    EXPECT_EQ(HalInit(HAL_CLASS_AUDIO, &list), 0u);
+    EXPECT_EQ(list, reinterpret_cast<void*>(0x1234));
     uint8_t record[16] = {};
-    uint8_t buffer[64];
-    uint32_t written = 0;
-    for (uint32_t code : {0u, 1u, 2u, 6u, 7u})
-        EXPECT_EQ(HalQueryInformation(HAL_CLASS_AUDIO, record, code, buffer, sizeof(buffer), &written), 0u) << code;
-    EXPECT_EQ(HalInit(HAL_CLASS_AUDIO, nullptr), 0u);
+    Out out;
+    for (uint32_t code : {0u, 1u, 2u, 6u, 7u}) EXPECT_EQ(Query(record, code, out), 0u) << code;
+    EXPECT_TRUE(out.Refused());
 }
 
-TEST(AudioVolumeArithmetic, ScalarToPercentRounds) {
-    const std::pair<float, uint32_t> cases[] = {{0.256f, 26}, {0.254f, 25}, {0.0f, 0}, {1.0f, 100}, {0.005f, 1}};
-    for (const auto& [scalar, percent] : cases) EXPECT_EQ(torvex::audio::PercentFromScalar(scalar), percent) << scalar;
-}
-
-TEST(AudioVolumeArithmetic, TargetsAreClampedAndRelativeAddsToCurrent) {
-    struct Case {
-        uint32_t current;
-        int32_t value;
-        uint8_t mode;
-        int32_t target;
-    };
-    const Case cases[] = {
-        {20, -30, 1, 0},   {20, 30, 1, 50},     {90, 30, 1, 100},          {20, 150, 0, 100},
-        {20, -5, 0, 0},    {20, 40, 2, 40},     {100, INT32_MAX, 1, 100},  {0, INT32_MIN, 1, 0},
-        {55, 0, 1, 55},
-    };
-    for (const auto& c : cases)
-        EXPECT_EQ(torvex::audio::TargetPercent(c.current, c.value, c.mode), c.target)
-            << c.current << " " << c.value << " mode " << int(c.mode);
-    EXPECT_FLOAT_EQ(torvex::audio::ScalarFromPercent(37), 0.37f);
-}
-
-TEST(AudioVolumeArithmetic, MuteNoOps) {
+TEST(AudioVolumeArithmetic, PercentTargetsAndMuteNoOps) {
+    for (const auto& [scalar, percent] : {std::pair{0.256f, 26u}, {0.254f, 25u}, {0.0f, 0u}, {1.0f, 100u}, {0.005f, 1u}})
+        EXPECT_EQ(audio::PercentFromScalar(scalar), percent) << scalar;
+    // Current percent, value, mode (1 relative, any other absolute), target.
+    const std::tuple<uint32_t, int32_t, uint8_t, int32_t> cases[] = {
+        {20, -30, 1, 0}, {20, 30, 1, 50}, {90, 30, 1, 100}, {20, 150, 0, 100}, {20, -5, 0, 0},
+        {20, 40, 2, 40}, {100, INT32_MAX, 1, 100}, {0, INT32_MIN, 1, 0}, {55, 0, 1, 55}};
+    for (const auto& [current, value, mode, target] : cases)
+        EXPECT_EQ(audio::TargetPercent(current, value, mode), target) << current << " " << value << " " << +mode;
+    EXPECT_FLOAT_EQ(audio::ScalarFromPercent(37), 0.37f);
     const uint32_t flag = 1;
-    EXPECT_TRUE(torvex::audio::MuteUnchanged(nullptr, 0, 1));
-    EXPECT_TRUE(torvex::audio::MuteUnchanged(&flag, 1, 1));
-    EXPECT_FALSE(torvex::audio::MuteUnchanged(&flag, 1, 0));
+    EXPECT_TRUE(audio::MuteUnchanged(nullptr, 0, 1) && audio::MuteUnchanged(&flag, 1, 1) && !audio::MuteUnchanged(&flag, 1, 0));
 }
 
-TEST(AudioRealWine, NoCodecMeansNoList) {
+TEST(AudioOnWine, NoCodecMeansNoList) {
     void* out = nullptr;
     EXPECT_EQ(HalInit(HAL_CLASS_AUDIO, &out), 0u);
     EXPECT_EQ(out, nullptr);
-    uint32_t value = 0;
-    uint32_t written = 0;
-    EXPECT_EQ(HalQueryInformation(HAL_CLASS_AUDIO, nullptr, 3, &value, 4, &written), 0u);
+    uint32_t value = 7, written = 9;
+    for (uint32_t code : {0u, 3u}) EXPECT_EQ(HalQueryInformation(HAL_CLASS_AUDIO, nullptr, code, &value, 4, &written), 0u) << code;
+    EXPECT_TRUE(value == 7 && written == 9);
 }
 
 }  // namespace

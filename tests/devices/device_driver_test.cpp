@@ -1,4 +1,5 @@
-// Device drivers (class 20): problem devices from the fake WMI, and Wine's own.
+// Device drivers (class 20): problem devices and their facts from
+// Win32_PnPEntity over simulated WMI, and Wine's own.
 #include <windows.h>
 
 #include <gtest/gtest.h>
@@ -7,119 +8,114 @@
 #include <cstring>
 #include <string>
 
-#include "support/fake_wmi.h"
+#include "support/simulated_machine.h"
 #include "support/torvex_test.h"
 
-using torvex::test::FakeWmi;
-using torvex::test::WmiRow;
-using torvex::test::WmiValue;
-
+namespace torvex::test {
 namespace {
 
-const std::wstring kCimv2 = L"ROOT\\CIMV2";
-const std::wstring kProblemQuery = L"SELECT Caption FROM Win32_PnPEntity WHERE ConfigManagerErrorCode !=0";
+const std::string kProblemQuery = "SELECT Caption FROM Win32_PnPEntity WHERE ConfigManagerErrorCode !=0";
+std::string Asked(const std::string& query) { return "ROOT\\CIMV2 \"" + query + "\""; }
 
 class DeviceDriverTest : public ::testing::Test {
 protected:
-    void Captions(const std::vector<std::wstring>& captions) {
-        std::vector<WmiRow> rows;
-        for (const auto& caption : captions) rows.push_back({{L"Caption", WmiValue::Str(caption)}});
-        wmi.On(kCimv2, kProblemQuery, rows);
+    void TearDown() override { ExpectNothingHeld(); }
+    // ROOT\CIMV2 answers the query with these rows, and nothing else.
+    void Answer(const std::string& query, const Json& rows) {
+        machine.profile.doc()["wmi"]["ROOT\\CIMV2"]["queries"] = {{query, {{"rows", rows}}}};
+        machine.trace.Clear();
     }
-    HalDriverProblemList* Init() {
-        void* out = nullptr;
-        EXPECT_EQ(HalInit(HAL_CLASS_DRIVER, &out), 1u);
-        return static_cast<HalDriverProblemList*>(out);
+    // HalInit(20)'s list: size, count, captions (an empty one as its whole field); none when refused.
+    std::vector<std::wstring> List(const std::vector<std::string>& captions) {
+        Json rows = Json::array();
+        for (const std::string& caption : captions) rows.push_back({{"Caption", caption}});
+        Answer(kProblemQuery, rows);
+        void* out = reinterpret_cast<void*>(0x1234);
+        if (HalInit(HAL_CLASS_DRIVER, &out) == 0) {
+            EXPECT_EQ(out, reinterpret_cast<void*>(0x1234));
+            return {};
+        }
+        uint32_t header[2];
+        std::memcpy(header, out, 8);
+        std::vector<std::wstring> list = {std::to_wstring(header[0]), std::to_wstring(header[1])};
+        for (uint32_t i = 0; i < header[1]; ++i) {
+            const auto* field = reinterpret_cast<const wchar_t*>(static_cast<uint8_t*>(out) + 8 + 520 * i);
+            list.emplace_back(field, wcsnlen(field, 260) != 0 ? wcsnlen(field, 260) : 260);
+        }
+        std::free(out);
+        return list;
     }
-    void TearDown() override { EXPECT_EQ(wmi.LiveObjects(), 0); }
-    FakeWmi wmi;
+    SimulatedMachine machine{Json{{"wmi", {{"ROOT\\CIMV2", {{"queries", Json::object()}}}}}}};
 };
 
-TEST_F(DeviceDriverTest, TheListHoldsOneCaptionFieldPerProblemDevice) {
-    Captions({L"A", L"B"});
-    HalDriverProblemList* list = Init();
-    ASSERT_NE(list, nullptr);
-    EXPECT_EQ(list->size, 1048u);
-    EXPECT_EQ(list->count, 2u);
-    auto* bytes = reinterpret_cast<uint8_t*>(list);
-    EXPECT_EQ(std::wstring(reinterpret_cast<wchar_t*>(bytes + 8)), L"A");
-    EXPECT_EQ(std::wstring(reinterpret_cast<wchar_t*>(bytes + 528)), L"B");
-    std::free(list);
-}
-
-TEST_F(DeviceDriverTest, CaptionsSplitAtEverySeparatorAndTooLongOnesAreZeroed) {
-    Captions({L"Bad;Device", std::wstring(300, L'x'), std::wstring(259, L'y'), L"Last;"});
-    HalDriverProblemList* list = Init();
-    ASSERT_NE(list, nullptr);
-    ASSERT_EQ(list->count, 5u) << "Bad, Device, the long one, the 259 one, Last";
-    EXPECT_EQ(std::wstring(list->captions[0]), L"Bad");
-    EXPECT_EQ(std::wstring(list->captions[1]), L"Device");
-    for (wchar_t c : list->captions[2]) ASSERT_EQ(c, L'\0') << "a caption that does not fit is all zeros";
-    EXPECT_EQ(std::wstring(list->captions[3]), std::wstring(259, L'y'));
-    EXPECT_EQ(std::wstring(list->captions[4]), L"Last");
-    std::free(list);
-}
-
-TEST_F(DeviceDriverTest, NoProblemDeviceLeavesOutUntouched) {
-    void* out = reinterpret_cast<void*>(0x1234);
-    EXPECT_EQ(HalInit(HAL_CLASS_DRIVER, &out), 0u);
-    EXPECT_EQ(out, reinterpret_cast<void*>(0x1234));
+TEST_F(DeviceDriverTest, OneCaptionFieldPerProblemDeviceSplitAtEverySeparator) {
+    EXPECT_EQ(List({"A", "B"}), (std::vector<std::wstring>{L"1048", L"2", L"A", L"B"}));
+    const std::wstring y(259, L'y');
+    EXPECT_EQ(List({"Bad;Device", std::string(300, 'x'), std::string(259, 'y'), "Last;"}),
+              (std::vector<std::wstring>{L"2608", L"5", L"Bad", L"Device", std::wstring(260, L'\0'), y, L"Last"}))
+        << "a caption that does not fit is all zeros";
+    EXPECT_TRUE(List({}).empty()) << "no problem device";
     EXPECT_EQ(DeviceDriverInit(nullptr), 0u);
 }
 
-TEST_F(DeviceDriverTest, TextFactsUseTheCaptionInTheirQuery) {
+TEST_F(DeviceDriverTest, TextFactsAskWithTheCaptionAndNeedRoomForATerminator) {
     wchar_t caption[] = L"Unknown USB Device";
-    const std::pair<uint32_t, const wchar_t*> cases[] = {
-        {HAL_DRIVER_DEVICE_ID, L"DeviceID"}, {HAL_DRIVER_CLASS_GUID, L"ClassGuid"},
-        {HAL_DRIVER_MANUFACTURER, L"Manufacturer"}, {HAL_DRIVER_SERVICE, L"Service"}, {HAL_DRIVER_STATUS, L"Status"}};
+    const std::pair<uint32_t, const char*> cases[] = {{HAL_DRIVER_DEVICE_ID, "DeviceID"}, {HAL_DRIVER_CLASS_GUID, "ClassGuid"},
+        {HAL_DRIVER_MANUFACTURER, "Manufacturer"}, {HAL_DRIVER_SERVICE, "Service"}, {HAL_DRIVER_STATUS, "Status"}};
     for (const auto& [code, property] : cases) {
-        const std::wstring query =
-            std::wstring(L"SELECT ") + property + L" FROM Win32_PnPEntity WHERE Caption='Unknown USB Device'";
-        wmi.On(kCimv2, query, {{{property, WmiValue::Str(L"value-" + std::to_wstring(code))}}});
+        const std::string query = "SELECT " + std::string(property) + " FROM Win32_PnPEntity WHERE Caption='Unknown USB Device'";
+        Answer(query, {{{property, "value-" + std::to_string(code)}}});
         char buffer[32];
         std::memset(buffer, '#', sizeof(buffer));
-        uint32_t written = 0;
+        uint32_t written = 0xBAD;
         EXPECT_EQ(HalQueryInformation(HAL_CLASS_DRIVER, caption, code, buffer, 7, &written), 0u) << "7 == length";
+        EXPECT_TRUE(buffer[0] == '#' && written == 0xBADu) << property;
         ASSERT_EQ(HalQueryInformation(HAL_CLASS_DRIVER, caption, code, buffer, 8, &written), 1u) << property;
         EXPECT_EQ(std::string(buffer, 8), "value-" + std::to_string(code) + "#");
         EXPECT_EQ(written, 7u);
-        EXPECT_EQ(wmi.Queries().back().text, query);
+        Answer(query, {{{property, ""}}});
+        EXPECT_EQ(HalQueryInformation(HAL_CLASS_DRIVER, caption, code, buffer, 32, &written), 0u) << "an empty answer";
+        EXPECT_EQ(written, 7u);
     }
-    char buffer[32] = {};
-    uint32_t written = 0;
-    ASSERT_EQ(HalQueryInformation(HAL_CLASS_DRIVER, caption, HAL_DRIVER_CAPTION, buffer, 19, &written), 1u);
-    EXPECT_EQ(std::string(buffer, written), "Unknown USB Device");
 }
 
 TEST_F(DeviceDriverTest, ErrorCodeLeavesWrittenAlone) {
     wchar_t caption[] = L"Camera";
-    wmi.On(kCimv2, L"SELECT ConfigManagerErrorCode FROM Win32_PnPEntity WHERE Caption='Camera'",
-           {{{L"ConfigManagerErrorCode", WmiValue::U32(28)}}});
-    uint32_t value = 0;
-    uint32_t written = 55;
-    ASSERT_EQ(HalQueryInformation(HAL_CLASS_DRIVER, caption, HAL_DRIVER_ERROR_CODE, &value, 4, &written), 1u);
-    EXPECT_EQ(value, 28u);
-    EXPECT_EQ(written, 55u);
-    EXPECT_EQ(HalQueryInformation(HAL_CLASS_DRIVER, caption, HAL_DRIVER_ERROR_CODE, &value, 3, &written), 0u);
-    wchar_t other[] = L"It's broken";  // the apostrophe breaks the query: nothing answers
-    EXPECT_EQ(HalQueryInformation(HAL_CLASS_DRIVER, other, HAL_DRIVER_ERROR_CODE, &value, 4, &written), 0u);
+    const std::string query = "SELECT ConfigManagerErrorCode FROM Win32_PnPEntity WHERE Caption='Camera'";
+    for (const auto& [answer, result] : {std::pair{Json(28), 1u}, {Json(0xFFFFFFFFu), 0u}, {Json(nullptr), 0u}}) {
+        Answer(query, {{{"ConfigManagerErrorCode", answer}}});
+        uint32_t value = 77, written = 55;
+        EXPECT_EQ(HalQueryInformation(HAL_CLASS_DRIVER, caption, HAL_DRIVER_ERROR_CODE, &value, 3, &written), 0u);
+        ASSERT_EQ(HalQueryInformation(HAL_CLASS_DRIVER, caption, HAL_DRIVER_ERROR_CODE, &value, 4, &written), result);
+        EXPECT_TRUE(value == (result != 0 ? 28u : 77u) && written == 55) << answer;
+    }
+    // The caption goes into the query as it is: an apostrophe breaks it.
+    wchar_t other[] = L"It's broken";
+    uint32_t value = 77, written = 55;
     EXPECT_EQ(HalQueryInformation(HAL_CLASS_DRIVER, other, HAL_DRIVER_STATUS, &value, 4, &written), 0u);
+    EXPECT_EQ(machine.Asked("wmi").back(), Asked("SELECT Status FROM Win32_PnPEntity WHERE Caption='It's broken'"));
+    EXPECT_TRUE(value == 77 && written == 55);
 }
 
-TEST_F(DeviceDriverTest, Refusals) {
-    wchar_t caption[] = L"Camera";
-    wchar_t empty[] = L"";
-    char buffer[16];
+TEST_F(DeviceDriverTest, TheCaptionNeedsNoQueryAndRefusalsAskNothing) {
+    wchar_t caption[] = L"Unknown USB Device", empty[] = L"";
+    char buffer[32];
+    uint32_t written = 0xBAD;
+    ASSERT_EQ(HalQueryInformation(HAL_CLASS_DRIVER, caption, HAL_DRIVER_CAPTION, buffer, 19, &written), 1u);
+    EXPECT_EQ(std::string(buffer, written), "Unknown USB Device");
     std::memset(buffer, '#', sizeof(buffer));
-    uint32_t written = 9;
-    EXPECT_EQ(DeviceDriverQueryInformation(nullptr, 0, buffer, 16, &written), 0u);
-    EXPECT_EQ(DeviceDriverQueryInformation(empty, 0, buffer, 16, &written), 0u);
-    EXPECT_EQ(DeviceDriverQueryInformation(caption, 7, buffer, 16, &written), 0u);
-    EXPECT_EQ(DeviceDriverQueryInformation(caption, 0, nullptr, 16, &written), 0u);
-    EXPECT_EQ(DeviceDriverQueryInformation(caption, 0, buffer, 16, nullptr), 0u);
-    EXPECT_EQ(buffer[0], '#');
-    EXPECT_EQ(written, 9u);
-    EXPECT_TRUE(wmi.Queries().empty());
+    EXPECT_EQ(DeviceDriverQueryInformation(caption, HAL_DRIVER_CAPTION, buffer, 18, &written), 0u);
+    EXPECT_EQ(DeviceDriverQueryInformation(nullptr, 0, buffer, 32, &written), 0u);
+    EXPECT_EQ(DeviceDriverQueryInformation(empty, 0, buffer, 32, &written), 0u);
+    EXPECT_EQ(DeviceDriverQueryInformation(caption, 7, buffer, 32, &written), 0u);
+    EXPECT_EQ(DeviceDriverQueryInformation(caption, 0xFFFFFFFF, buffer, 32, &written), 0u);
+    for (uint32_t code = 0; code <= 6; ++code) {
+        EXPECT_EQ(DeviceDriverQueryInformation(caption, code, nullptr, 32, &written), 0u) << code;
+        EXPECT_EQ(DeviceDriverQueryInformation(caption, code, buffer, 32, nullptr), 0u) << code;
+    }
+    EXPECT_EQ(std::string(buffer, 32), std::string(32, '#'));
+    EXPECT_EQ(written, 18u);
+    EXPECT_TRUE(machine.Asked("wmi").empty());
 }
 
 // Wine's WMI refuses the problem-device query.
@@ -129,8 +125,10 @@ TEST(DeviceDriverOnWine, NothingIsListedAndQueriesFailCleanly) {
     EXPECT_EQ(out, reinterpret_cast<void*>(0x1234));
     wchar_t caption[] = L"No Such Device";
     char buffer[64];
-    uint32_t written = 0;
+    uint32_t written = 9;
     EXPECT_EQ(HalQueryInformation(HAL_CLASS_DRIVER, caption, HAL_DRIVER_DEVICE_ID, buffer, 64, &written), 0u);
+    EXPECT_EQ(written, 9u);
 }
 
 }  // namespace
+}  // namespace torvex::test
