@@ -1,0 +1,100 @@
+// Shared by the platform tests: profiles in a few lines, a machine that checks
+// what the library kept of it, and the answer of a query with the rules every
+// refusal keeps.
+#pragma once
+
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/simulated_machine.h"
+#include "support/torvex_test.h"
+
+namespace platform_test {
+
+using torvex::test::Json;
+using Lines = std::vector<std::string>;
+
+constexpr uint32_t kUntouched = 0xBAD;  // what a count holds until the library writes it
+
+// One row per value, each with the one property.
+inline Json Rows(const char* property, const std::vector<Json>& values) {
+    Json rows = Json::array();
+    for (const Json& value : values) rows.push_back({{property, value}});
+    return {{"rows", rows}};
+}
+
+inline std::string Wmi(const std::string& nameSpace, const std::string& query) { return nameSpace + " \"" + query + "\""; }
+
+// No process keeps "MutexWMI": another thread gets it (after a brief hold by another test program).
+inline void ExpectFirmwareMutexFree() {
+    HANDLE mutex = OpenMutexW(SYNCHRONIZE, FALSE, L"MutexWMI");
+    if (mutex == nullptr) return;  // nobody holds it open
+    std::thread([mutex] {
+        ASSERT_EQ(WaitForSingleObject(mutex, 10000), WAIT_OBJECT_0) << "MutexWMI is still held";
+        ReleaseMutex(mutex);
+    }).join();
+    CloseHandle(mutex);
+}
+
+// A simulated machine that checks, before it goes, that the library holds
+// nothing of it (what it held is forgotten with the machine), nor the mutex.
+struct Machine : torvex::test::SimulatedMachine {
+    using SimulatedMachine::SimulatedMachine;
+    ~Machine() {
+        torvex::test::ExpectNothingHeld();
+        ExpectFirmwareMutexFree();
+    }
+    Lines Sent(const std::string& source) const {  // "call [detail]", without the outcomes
+        Lines calls = Calls(source);
+        for (std::string& call : calls) call = call.substr(0, call.rfind(" -> "));
+        return calls;
+    }
+    std::string Last(const std::string& source) const {
+        const Lines calls = Asked(source);
+        return calls.empty() ? "(none)" : calls.back();
+    }
+};
+
+// Calls query(buffer, size, &count). A refusal gives nullopt and must leave
+// the buffer and the count as they were. An answer gives its bytes, `width`
+// of them with the count `count`, or for text (width 0) as many as the count
+// says, with a spare byte; nothing past them is written.
+template <typename Query>
+std::optional<std::string> Ask(Query query, uint32_t size, uint32_t width = 0, uint32_t count = kUntouched) {
+    std::vector<char> buffer(std::max<size_t>(size, width) + 8, '#');
+    uint32_t written = kUntouched;
+    if (query(buffer.data(), size, &written) == 0) {
+        EXPECT_EQ(written, kUntouched) << "count written on a refusal";
+        EXPECT_EQ(std::string(buffer.begin(), buffer.end()), std::string(buffer.size(), '#')) << "buffer written on a refusal";
+        return std::nullopt;
+    }
+    EXPECT_TRUE(width != 0 ? written == count : written < size) << "count " << written;
+    const size_t length = std::min<size_t>(width != 0 ? width : written, buffer.size());
+    EXPECT_EQ(std::string(buffer.begin() + length, buffer.end()), std::string(buffer.size() - length, '#')) << "written past the answer";
+    return std::string(buffer.data(), length);
+}
+
+inline std::optional<uint32_t> U32(const std::optional<std::string>& bytes) {
+    uint32_t value = 0;
+    if (!bytes || bytes->size() != 4) return std::nullopt;
+    std::memcpy(&value, bytes->data(), 4);
+    return value;
+}
+
+// Calls `call` twice: the second keeps no handle beyond what the first set up for good.
+template <typename Call>
+void ExpectNoHandleKept(Call call) {
+    call();
+    const DWORD handles = torvex::test::OpenHandleCount();
+    call();
+    EXPECT_EQ(torvex::test::OpenHandleCount(), handles) << "a handle was left open";
+}
+
+}  // namespace platform_test
