@@ -1,6 +1,5 @@
-// Shared by the platform tests: profiles in a few lines, a machine that checks
-// what the library kept of it, and the answer of a query with the rules every
-// refusal keeps.
+// Shared by the platform tests: rows of profiles, a machine that checks what
+// the library kept of it, and a query's answer under the rules of refusals.
 #pragma once
 
 #include <windows.h>
@@ -56,10 +55,7 @@ struct Machine : torvex::test::SimulatedMachine {
         for (std::string& call : calls) call = call.substr(0, call.rfind(" -> "));
         return calls;
     }
-    std::string Last(const std::string& source) const {
-        const Lines calls = Asked(source);
-        return calls.empty() ? "(none)" : calls.back();
-    }
+    std::string Last(const std::string& source) const { return Asked(source).empty() ? "" : Asked(source).back(); }
 };
 
 // Calls query(buffer, size, &count). A refusal gives nullopt and must leave
@@ -81,20 +77,13 @@ std::optional<std::string> Ask(Query query, uint32_t size, uint32_t width = 0, u
     return std::string(buffer.data(), length);
 }
 
-inline std::optional<uint32_t> U32(const std::optional<std::string>& bytes) {
-    uint32_t value = 0;
-    if (!bytes || bytes->size() != 4) return std::nullopt;
-    std::memcpy(&value, bytes->data(), 4);
-    return value;
-}
-
-// Calls `call` twice: the second keeps no handle beyond what the first set up for good.
-template <typename Call>
-void ExpectNoHandleKept(Call call) {
-    call();
-    const DWORD handles = torvex::test::OpenHandleCount();
-    call();
-    EXPECT_EQ(torvex::test::OpenHandleCount(), handles) << "a handle was left open";
+// A number's answer: its sizeof(T) bytes, with the count `count`.
+template <typename T, typename Query>
+std::optional<T> AskNumber(Query query, uint32_t size, uint32_t count) {
+    const std::optional<std::string> bytes = Ask(query, size, sizeof(T), count);
+    T value{};
+    if (bytes) std::memcpy(&value, bytes->data(), sizeof(T));
+    return bytes ? std::optional(value) : std::nullopt;
 }
 
 }  // namespace platform_test
