@@ -31,24 +31,19 @@ inline Json Rows(const char* property, const std::vector<Json>& values) {
 
 inline std::string Wmi(const std::string& nameSpace, const std::string& query) { return nameSpace + " \"" + query + "\""; }
 
-// No process keeps "MutexWMI": another thread gets it (after a brief hold by another test program).
-inline void ExpectFirmwareMutexFree() {
-    HANDLE mutex = OpenMutexW(SYNCHRONIZE, FALSE, L"MutexWMI");
-    if (mutex == nullptr) return;  // nobody holds it open
-    std::thread([mutex] {
-        ASSERT_EQ(WaitForSingleObject(mutex, 10000), WAIT_OBJECT_0) << "MutexWMI is still held";
-        ReleaseMutex(mutex);
-    }).join();
-    CloseHandle(mutex);
-}
-
 // A simulated machine that checks, before it goes, that the library holds
-// nothing of it (what it held is forgotten with the machine), nor the mutex.
+// nothing of it (what it held is forgotten with the machine), nor "MutexWMI",
+// which it keeps in existence so that one left owned stays so: another thread
+// must get it (after a brief hold by another test program).
 struct Machine : torvex::test::SimulatedMachine {
     using SimulatedMachine::SimulatedMachine;
     ~Machine() {
         torvex::test::ExpectNothingHeld();
-        ExpectFirmwareMutexFree();
+        std::thread([this] {
+            EXPECT_EQ(WaitForSingleObject(firmwareMutex, 10000), WAIT_OBJECT_0) << "MutexWMI is still held";
+            ReleaseMutex(firmwareMutex);
+        }).join();
+        CloseHandle(firmwareMutex);
     }
     Lines Sent(const std::string& source) const {  // "call [detail]", without the outcomes
         Lines calls = Calls(source);
@@ -56,6 +51,8 @@ struct Machine : torvex::test::SimulatedMachine {
         return calls;
     }
     std::string Last(const std::string& source) const { return Asked(source).empty() ? "" : Asked(source).back(); }
+
+    HANDLE firmwareMutex = CreateMutexW(nullptr, FALSE, L"MutexWMI");
 };
 
 // Calls query(buffer, size, &count). A refusal gives nullopt and must leave
