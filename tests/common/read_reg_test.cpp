@@ -1,5 +1,6 @@
-// ReadReg against Wine's own registry: values are written and read back under
-// a key of HKEY_LOCAL_MACHINE that each test creates and deletes.
+// ReadReg on a simulated machine (what reaches the registry: keys, access,
+// types and sizes) and on Wine's own registry, under a key of
+// HKEY_LOCAL_MACHINE that each test creates and deletes.
 #include <windows.h>
 
 #include <gtest/gtest.h>
@@ -7,100 +8,116 @@
 #include <string>
 #include <vector>
 
+#include "support/simulated_machine.h"
 #include "support/torvex_test.h"
 
-using torvex::test::ImportPatch;
-using torvex::test::Redirect;
+using Lines = std::vector<std::string>;
 
 namespace {
 
-class ReadRegTest : public ::testing::Test {
+TEST(ReadRegOnAMachine, WritesSetTheValueOnTheKeyItselfAndReadsUseThe64BitView) {
+    torvex::test::SimulatedMachine machine(torvex::test::Json{{"registry", {{"SOFTWARE\\Torvex", torvex::test::Json::object()}}}});
+    const std::wstring key = L"SOFTWARE\\Torvex";
+    ASSERT_TRUE(ReadReg::WrightLocalMachineRegDW(key, L"Level", 0xDEADBEEF));
+    ASSERT_TRUE(ReadReg::WriteLocalMachineRegRZ(key, L"Text", L"Gr\u00fc\u00dfe"));
+    ASSERT_TRUE(ReadReg::WrightLocalMachineRegExpandRZ(key, L"Path", L"%SystemRoot%"));
+    unsigned long level = 0;
+    std::wstring text, path;
+    ASSERT_TRUE(ReadReg::ReadLocalMachineRegDW(key, L"Level", level));
+    ASSERT_TRUE(ReadReg::ReadLocalMachineRegRZ(key, L"Text", text));
+    ASSERT_TRUE(ReadReg::ReadLocalMachineRegExpandRZ(key, L"Path", path));
+    EXPECT_EQ(level, 0xDEADBEEFul);
+    EXPECT_EQ(text, L"Gr\u00fc\u00dfe");
+    EXPECT_EQ(path, L"%SystemRoot%") << "not expanded";
+    const std::string opened = "HKLM\\SOFTWARE\\Torvex [access ", set = "set HKLM\\SOFTWARE\\Torvex ";
+    EXPECT_EQ(machine.Calls("registry"),
+              (Lines{opened + "0x20106] -> opened", set + "Level [type 4, 4 bytes] -> written {\"dword\":3735928559}",
+                     opened + "0x20106] -> opened", set + "Text [type 1, 12 bytes] -> written {\"sz\":\"Grüße\"}",
+                     opened + "0x20106] -> opened",
+                     set + "Path [type 2, 26 bytes] -> written {\"expand_sz\":\"%SystemRoot%\"}",
+                     opened + "0x20119] -> opened",
+                     "HKLM\\SOFTWARE\\Torvex Level [room 4 bytes] -> found ({\"dword\":3735928559})",
+                     opened + "0x20119] -> opened",
+                     "HKLM\\SOFTWARE\\Torvex Text [room 520 bytes] -> found ({\"sz\":\"Grüße\"})",
+                     opened + "0x20119] -> opened",
+                     "HKLM\\SOFTWARE\\Torvex Path [room 520 bytes] -> found ({\"expand_sz\":\"%SystemRoot%\"})"}));
+    torvex::test::ExpectNothingHeld();
+}
+
+class ReadRegOnWine : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_EQ(::RegCreateKeyExW(HKEY_LOCAL_MACHINE, subKey_.c_str(), 0, nullptr, 0,
-                                    KEY_ALL_ACCESS | KEY_WOW64_64KEY, nullptr, &key_, nullptr),
-                  ERROR_SUCCESS);
+        ASSERT_EQ(RegCreateKeyExW(HKEY_LOCAL_MACHINE, subKey_.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS | KEY_WOW64_64KEY,
+                                  nullptr, &key_, nullptr), ERROR_SUCCESS);
     }
     void TearDown() override {
-        ::RegCloseKey(key_);
-        ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, subKey_.c_str());
-        ::RegDeleteKeyExW(HKEY_LOCAL_MACHINE, subKey_.c_str(), KEY_WOW64_64KEY, 0);
+        RegCloseKey(key_);
+        RegDeleteTreeW(HKEY_LOCAL_MACHINE, subKey_.c_str());
+        RegDeleteKeyExW(HKEY_LOCAL_MACHINE, subKey_.c_str(), KEY_WOW64_64KEY, 0);
     }
     void PutText(const wchar_t* name, const std::wstring& text) {
-        ASSERT_EQ(::RegSetValueExW(key_, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(text.c_str()),
-                                   static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t))),
-                  ERROR_SUCCESS);
+        ASSERT_EQ(RegSetValueExW(key_, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(text.c_str()),
+                                 static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t))), ERROR_SUCCESS);
     }
     // What the registry really holds: type and byte size (0 when absent).
     std::pair<DWORD, DWORD> TypeAndSize(const wchar_t* name) {
         DWORD type = 0, size = 0;
-        if (::RegQueryValueExW(key_, name, nullptr, &type, nullptr, &size) != ERROR_SUCCESS) return {0, 0};
+        if (RegQueryValueExW(key_, name, nullptr, &type, nullptr, &size) != ERROR_SUCCESS) return {0, 0};
         return {type, size};
     }
 
-    const std::wstring subKey_ = L"SOFTWARE\\TorvexRegTest" + std::to_wstring(::GetCurrentProcessId());
+    const std::wstring subKey_ = L"SOFTWARE\\TorvexRegTest" + std::to_wstring(GetCurrentProcessId());
     HKEY key_ = nullptr;
 };
 
-TEST_F(ReadRegTest, WrittenValuesReadBackWithTheirTypes) {
+TEST_F(ReadRegOnWine, WrittenValuesReadBackWithTheirTypes) {
     ASSERT_TRUE(ReadReg::WrightLocalMachineRegDW(subKey_, L"Level", 0xDEADBEEF));
     EXPECT_EQ(TypeAndSize(L"Level"), std::make_pair(DWORD{REG_DWORD}, DWORD{4}));
     unsigned long value = 0;
     EXPECT_TRUE(ReadReg::ReadLocalMachineRegDW(subKey_, L"Level", value));
     EXPECT_EQ(value, 0xDEADBEEFul);
-
     using Write = bool (*)(const std::wstring&, const std::wstring&, const std::wstring&);
     using Read = bool (*)(const std::wstring&, const std::wstring&, std::wstring&);
-    struct Case {
-        Write write;
-        Read read;
-        DWORD type;
-        std::wstring text;
-    };
-    const Case cases[] = {
+    const std::tuple<Write, Read, DWORD, std::wstring> cases[] = {
         {&ReadReg::WriteLocalMachineRegRZ, &ReadReg::ReadLocalMachineRegRZ, REG_SZ, L"Gr\u00fc\u00dfe \u6771\u4eac"},
         {&ReadReg::WriteLocalMachineRegRZ, &ReadReg::ReadLocalMachineRegRZ, REG_SZ, L""},
-        // Environment references stay unexpanded.
         {&ReadReg::WrightLocalMachineRegExpandRZ, &ReadReg::ReadLocalMachineRegExpandRZ, REG_EXPAND_SZ,
          L"%SystemRoot%\\system32"},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(testing::PrintToString(c.text));
-        ASSERT_TRUE(c.write(subKey_, L"Text", c.text));
-        EXPECT_EQ(TypeAndSize(L"Text"), std::make_pair(c.type, DWORD(2 * c.text.size() + 2)));
-        std::wstring text = L"stale";
-        EXPECT_TRUE(c.read(subKey_, L"Text", text));
-        EXPECT_EQ(text, c.text);
+    for (const auto& [write, read, type, text] : cases) {
+        SCOPED_TRACE(testing::PrintToString(text));
+        ASSERT_TRUE(write(subKey_, L"Text", text));
+        EXPECT_EQ(TypeAndSize(L"Text"), std::make_pair(type, DWORD(2 * text.size() + 2)));
+        std::wstring back = L"stale";
+        EXPECT_TRUE(read(subKey_, L"Text", back));
+        EXPECT_EQ(back, text);
     }
 }
 
-TEST_F(ReadRegTest, TextReadHoldsAtMost259Characters) {
+TEST_F(ReadRegOnWine, TextReadsHoldAtMost259CharactersAndDoNotCheckTheType) {
     for (size_t length : {258u, 259u, 260u, 400u}) {
         SCOPED_TRACE(length);
         const std::wstring text(length, L'x');
         PutText(L"Long", text);
-        const bool fits = length <= 259;
         for (auto read : {&ReadReg::ReadLocalMachineRegRZ, &ReadReg::ReadLocalMachineRegExpandRZ}) {
             std::wstring value = L"stale";
-            EXPECT_EQ(read(subKey_, L"Long", value), fits);
-            EXPECT_EQ(value, fits ? text : std::wstring());
+            EXPECT_EQ(read(subKey_, L"Long", value), length <= 259);
+            EXPECT_EQ(value, length <= 259 ? text : std::wstring());
         }
     }
-    // The value's type is not checked: a 4-byte text fits a DWORD read.
-    PutText(L"Short", L"A");
+    PutText(L"Short", L"A");  // four bytes: they fit a DWORD read
     unsigned long value = 0;
     EXPECT_TRUE(ReadReg::ReadLocalMachineRegDW(subKey_, L"Short", value));
     EXPECT_EQ(value, 0x41ul);
 }
 
-TEST_F(ReadRegTest, MissingValueOrKey) {
+TEST_F(ReadRegOnWine, MissingValuesKeysAndSubkeys) {
     unsigned long value = 77;
     EXPECT_FALSE(ReadReg::ReadLocalMachineRegDW(subKey_, L"Absent", value));
     EXPECT_EQ(value, 0ul) << "a missing value clears the number";
     value = 77;
     EXPECT_FALSE(ReadReg::ReadLocalMachineRegDW(subKey_ + L"\\Absent", L"Level", value));
     EXPECT_EQ(value, 77ul) << "a missing key leaves the number alone";
-
     for (auto read : {&ReadReg::ReadLocalMachineRegRZ, &ReadReg::ReadLocalMachineRegExpandRZ}) {
         for (const std::wstring& key : {subKey_, subKey_ + L"\\Absent"}) {
             std::wstring text = L"stale";
@@ -108,54 +125,12 @@ TEST_F(ReadRegTest, MissingValueOrKey) {
             EXPECT_EQ(text, L"");
         }
     }
-}
-
-TEST_F(ReadRegTest, WritesUnderAMissingSubkeyFailAndCreateNothing) {
-    const std::wstring missing = subKey_ + L"\\Missing";
+    const std::wstring missing = subKey_ + L"\\Missing";  // writes create nothing
     EXPECT_FALSE(ReadReg::WrightLocalMachineRegDW(missing, L"Level", 1));
     EXPECT_FALSE(ReadReg::WriteLocalMachineRegRZ(missing, L"Text", L"x"));
     EXPECT_FALSE(ReadReg::WrightLocalMachineRegExpandRZ(missing, L"Text", L"x"));
     HKEY key = nullptr;
-    EXPECT_NE(::RegOpenKeyExW(HKEY_LOCAL_MACHINE, missing.c_str(), 0, KEY_READ | KEY_WOW64_64KEY, &key),
-              ERROR_SUCCESS);
-}
-
-// Pass-through recorders: Wine still answers, the test sees what was asked.
-std::vector<REGSAM>* g_access = nullptr;
-std::vector<bool>* g_nullSubKey = nullptr;
-decltype(&::RegOpenKeyExW) g_realOpen = nullptr;
-decltype(&::RegSetKeyValueW) g_realSet = nullptr;
-
-LSTATUS WINAPI RecordOpen(HKEY root, LPCWSTR subKey, DWORD options, REGSAM access, PHKEY key) {
-    g_access->push_back(access);
-    return g_realOpen(root, subKey, options, access, key);
-}
-LSTATUS WINAPI RecordSet(HKEY key, LPCWSTR subKey, LPCWSTR name, DWORD type, LPCVOID data, DWORD size) {
-    g_nullSubKey->push_back(subKey == nullptr);
-    return g_realSet(key, subKey, name, type, data, size);
-}
-
-TEST_F(ReadRegTest, ReadsAndWritesUseThe64BitView) {
-    std::vector<REGSAM> access;
-    std::vector<bool> nullSubKey;
-    g_access = &access;
-    g_nullSubKey = &nullSubKey;
-    ImportPatch open = Redirect("RegOpenKeyExW", &RecordOpen);
-    ImportPatch set = Redirect("RegSetKeyValueW", &RecordSet);
-    g_realOpen = open.Original<decltype(g_realOpen)>();
-    g_realSet = set.Original<decltype(g_realSet)>();
-
-    unsigned long value = 0;
-    std::wstring text;
-    ASSERT_TRUE(ReadReg::WrightLocalMachineRegDW(subKey_, L"Level", 5));
-    ASSERT_TRUE(ReadReg::WriteLocalMachineRegRZ(subKey_, L"Text", L"t"));
-    ASSERT_TRUE(ReadReg::WrightLocalMachineRegExpandRZ(subKey_, L"Text", L"t"));
-    ASSERT_TRUE(ReadReg::ReadLocalMachineRegDW(subKey_, L"Level", value));
-    ASSERT_TRUE(ReadReg::ReadLocalMachineRegRZ(subKey_, L"Text", text));
-    ASSERT_TRUE(ReadReg::ReadLocalMachineRegExpandRZ(subKey_, L"Text", text));
-
-    EXPECT_EQ(access, (std::vector<REGSAM>{0x20106, 0x20106, 0x20106, 0x20119, 0x20119, 0x20119}));
-    EXPECT_EQ(nullSubKey, (std::vector<bool>{true, true, true}));
+    EXPECT_NE(RegOpenKeyExW(HKEY_LOCAL_MACHINE, missing.c_str(), 0, KEY_READ | KEY_WOW64_64KEY, &key), ERROR_SUCCESS);
 }
 
 }  // namespace

@@ -1,300 +1,148 @@
-// CPU information (class 0) with the registry and WMI under the test's
-// control, the firmware value through the fake firmware, and against Wine.
-#include <windows.h>
-
+// CPU information (class 0) over simulated machines, and on Wine's own.
 #include <cpuid.h>
-#include <gtest/gtest.h>
 
-#include <cstring>
-#include <string>
+#include "platform/platform_test.h"
 
-#include "support/fake_registry.h"
-#include "support/fake_wmi.h"
-#include "support/torvex_test.h"
-
-using torvex::test::FakeRegistry;
-using torvex::test::FakeWmi;
-using torvex::test::WmiRow;
-using torvex::test::WmiValue;
+using namespace platform_test;
 
 namespace {
 
-const std::wstring kCimv2 = L"ROOT\\CIMV2";
-const std::wstring kCpuKey = L"HARDWARE\\DESCRIPTION\\System\\CentralProcessor\\0";
-const std::wstring kNameQuery = L"SELECT Name FROM Win32_Processor";
+constexpr char kCpuKey[] = "HARDWARE\\DESCRIPTION\\System\\CentralProcessor\\0";
+constexpr char kCimv2[] = "ROOT\\CIMV2";
 
-struct Answer {
-    uint32_t result;
-    std::string text;
-    uint32_t written;
-};
-
-Answer QueryText(int32_t code, uint32_t size) {
-    char buffer[128];
-    std::memset(buffer, '#', sizeof(buffer));
-    uint32_t written = 777;
-    const uint32_t result = CpuQueryInformation(code, buffer, size, &written);
-    EXPECT_EQ(buffer[result != 0 ? written : 0], '#') << "no terminator, nothing beyond the text";
-    return {result, result != 0 ? std::string(buffer, written) : std::string(), written};
+// A processor whose registry key holds these texts and whose WMI answers these queries.
+Json Cpu(const Json& texts, const Json& queries = Json::object()) {
+    Json values = Json::object();
+    for (const auto& [name, text] : texts.items()) values[name] = {{"sz", text}};
+    return {{"registry", {{kCpuKey, values}}}, {"wmi", {{kCimv2, {{"queries", queries}}}}}};
 }
 
-class CpuTest : public ::testing::Test {
-protected:
-    void SetUp() override { registry.AddKey(kCpuKey); }
-    void TearDown() override {
-        EXPECT_EQ(wmi.LiveObjects(), 0);
-        EXPECT_EQ(registry.OpenKeys(), 0);
-    }
-    void Name(const std::wstring& name) { registry.SetText(kCpuKey, L"ProcessorNameString", name); }
+auto Query(int32_t code) { return [code](void* b, uint32_t s, uint32_t* w) { return CpuQueryInformation(code, b, s, w); }; }
+std::optional<std::string> Text(int32_t code, uint32_t size = 64) { return Ask(Query(code), size); }
+// Numbers leave the count alone.
+std::optional<uint32_t> Number(int32_t code, uint32_t size = 4) { return AskNumber<uint32_t>(Query(code), size, kUntouched); }
 
-    FakeWmi wmi;
-    FakeRegistry registry;
-};
-
-TEST_F(CpuTest, TextFactsComeFromTheRegistryFirstWithTheirBlanks) {
-    Name(L"  Intel(R) Core(TM) i7  ");
-    registry.SetText(kCpuKey, L"VendorIdentifier", L"GenuineIntel");
-    wmi.On(kCimv2, kNameQuery, {{{L"Name", WmiValue::Str(L"from WMI")}}});
-    const Answer name = QueryText(HAL_CPU_NAME, 64);
-    EXPECT_EQ(name.result, 1u);
-    EXPECT_EQ(name.text, "  Intel(R) Core(TM) i7  ");
-    EXPECT_EQ(name.written, 24u);
-    EXPECT_EQ(QueryText(HAL_CPU_VENDOR_ID, 64).text, "GenuineIntel");
-    EXPECT_TRUE(wmi.Queries().empty());
-    for (REGSAM access : registry.OpenAccess()) EXPECT_EQ(access, static_cast<REGSAM>(0x20119));
-}
-
-TEST_F(CpuTest, TextNeedsOneSpareByteButWritesNoTerminator) {
-    Name(L"ABCDEFGHIJKLMNOPQRST");  // 20 characters
-    EXPECT_EQ(QueryText(HAL_CPU_NAME, 20).result, 0u);
-    const Answer fits = QueryText(HAL_CPU_NAME, 21);
-    EXPECT_EQ(fits.result, 1u);
-    EXPECT_EQ(fits.written, 20u);
-}
-
-TEST_F(CpuTest, EmptyOrMissingRegistryValuesFallBackToWmi) {
-    Name(L"");
-    wmi.On(kCimv2, kNameQuery, {{{L"Name", WmiValue::Str(L"AMD Ryzen 7")}}});
-    wmi.On(kCimv2, L"SELECT Manufacturer FROM Win32_Processor", {{{L"Manufacturer", WmiValue::Str(L"AuthenticAMD")}}});
-    EXPECT_EQ(QueryText(HAL_CPU_NAME, 64).text, "AMD Ryzen 7");
-    // The vendor's fallback asks for a property the row does not have, so it fails.
-    EXPECT_EQ(QueryText(HAL_CPU_VENDOR_ID, 64).result, 0u);
-    const auto reads = wmi.PropertyReads();
-    ASSERT_FALSE(reads.empty());
-    EXPECT_EQ(reads.back(), L"REG_NAME_CPU_VENDOR");
-}
-
-TEST_F(CpuTest, AssociativityTexts) {
-    const std::pair<uint32_t, const char*> cases[] = {
-        {3, "Direct Mapped "}, {4, "2-way"}, {5, "Fully Associative "}, {6, "4-way"}, {7, "8-way"},
-        {8, "16-way"},         {1, "Unknown "}, {2, "Unknown "},        {9, "Unknown "}};
-    const wchar_t* queries[] = {L"SELECT Associativity FROM Win32_CacheMemory WHERE Level='3'",
-                                L"SELECT Associativity FROM Win32_CacheMemory WHERE Level='4'",
-                                L"SELECT Associativity FROM Win32_CacheMemory WHERE Level='5'"};
-    for (int level = 0; level < 3; ++level) {
+TEST(CpuTest, AssociativityTexts) {
+    const std::pair<uint32_t, std::optional<std::string>> cases[] = {
+        {3, "Direct Mapped "}, {4, "2-way"}, {5, "Fully Associative "}, {6, "4-way"}, {7, "8-way"}, {8, "16-way"},
+        {1, "Unknown "},       {2, "Unknown "}, {9, "Unknown "}, {0, std::nullopt}, {0xFFFFFFFF, std::nullopt}};
+    for (int32_t code : {2, 3, 4}) {
+        const std::string query = "SELECT Associativity FROM Win32_CacheMemory WHERE Level='" + std::to_string(code + 1) + "'";
         for (const auto& [value, text] : cases) {
-            wmi.On(kCimv2, queries[level], {{{L"Associativity", WmiValue::U32(value)}}});
-            EXPECT_EQ(QueryText(HAL_CPU_L3_ASSOCIATIVITY + level, 64).text, text) << value;
-        }
-        for (uint32_t absent : {0u, 0xFFFFFFFFu}) {
-            wmi.On(kCimv2, queries[level], {{{L"Associativity", WmiValue::U32(absent)}}});
-            EXPECT_EQ(QueryText(HAL_CPU_L3_ASSOCIATIVITY + level, 64).result, 0u);
+            SCOPED_TRACE(query + " " + std::to_string(value));
+            Machine machine(Cpu({}, {{query, Rows("Associativity", {value})}}));
+            EXPECT_EQ(Text(code), text);
+            EXPECT_EQ(machine.Asked("wmi"), Lines{Wmi(kCimv2, query)});
         }
     }
 }
 
-TEST_F(CpuTest, NumericFactsFailOnZeroAndOnNoValueAndLeaveWrittenAlone) {
-    struct Case {
-        int32_t code;
-        const wchar_t* query;
-        const wchar_t* property;
+TEST(CpuTest, NumbersFailOnZeroNoValueOrAShortBuffer) {
+    const std::tuple<int32_t, const char*, const char*, uint32_t> cases[] = {
+        {7, "SELECT CurrentClockSpeed FROM Win32_Processor", "CurrentClockSpeed", 42},
+        {8, "SELECT ExtClock FROM Win32_Processor", "ExtClock", 42},
+        {9, "SELECT MaxClockSpeed FROM Win32_Processor", "MaxClockSpeed", 42},
+        {10, "SELECT NumberOfCores FROM Win32_Processor", "NumberOfCores", 42},
+        {11, "SELECT NumberOfLogicalProcessors FROM Win32_Processor", "NumberOfLogicalProcessors", 42},
+        {12, "SELECT InstalledSize FROM Win32_CacheMemory WHERE Level='3'", "InstalledSize", 50},  // every row
+        {13, "SELECT InstalledSize FROM Win32_CacheMemory WHERE Level='4'", "InstalledSize", 50},
+        {14, "SELECT InstalledSize FROM Win32_CacheMemory WHERE Level='5'", "InstalledSize", 42},  // the first
+        {17, "SELECT LoadPercentage FROM Win32_Processor", "LoadPercentage", 42},
     };
-    const Case cases[] = {
-        {7, L"SELECT CurrentClockSpeed FROM Win32_Processor", L"CurrentClockSpeed"},
-        {8, L"SELECT ExtClock FROM Win32_Processor", L"ExtClock"},
-        {9, L"SELECT MaxClockSpeed FROM Win32_Processor", L"MaxClockSpeed"},
-        {10, L"SELECT NumberOfCores FROM Win32_Processor", L"NumberOfCores"},
-        {11, L"SELECT NumberOfLogicalProcessors FROM Win32_Processor", L"NumberOfLogicalProcessors"},
-        {14, L"SELECT InstalledSize FROM Win32_CacheMemory WHERE Level='5'", L"InstalledSize"},
-        {17, L"SELECT LoadPercentage FROM Win32_Processor", L"LoadPercentage"},
-    };
-    for (const Case& c : cases) {
-        wmi.On(kCimv2, c.query, {{{c.property, WmiValue::U32(42)}}, {{c.property, WmiValue::U32(8)}}});
-        uint32_t value = 0;
-        uint32_t written = 777;
-        EXPECT_EQ(CpuQueryInformation(c.code, &value, 4, &written), 1u) << c.code;
-        EXPECT_EQ(value, 42u) << "the first row";
-        EXPECT_EQ(written, 777u);
-        value = 5;
-        EXPECT_EQ(CpuQueryInformation(c.code, &value, 3, &written), 0u) << c.code;
-        EXPECT_EQ(value, 5u);
-        for (uint32_t absent : {0u, 0xFFFFFFFFu}) {
-            wmi.On(kCimv2, c.query, {{{c.property, WmiValue::U32(absent)}}});
-            EXPECT_EQ(CpuQueryInformation(c.code, &value, 4, &written), 0u) << c.code;
-            EXPECT_EQ(value, 5u);
+    for (const auto& [code, query, property, answer] : cases) {
+        SCOPED_TRACE(code);
+        Machine machine(Cpu({}, {{query, Rows(property, {42, nullptr, 8})}}));
+        EXPECT_EQ(Number(code, 3), std::nullopt);
+        EXPECT_EQ(Number(code), answer);
+        EXPECT_EQ(machine.Last("wmi"), Wmi(kCimv2, query));
+        for (const Json& none : {Json(0), Json(0xFFFFFFFFu), Json()}) {
+            machine.profile.doc()["wmi"][kCimv2]["queries"][query] = Rows(property, {none});
+            EXPECT_EQ(Number(code), std::nullopt) << none;
         }
     }
 }
 
-TEST_F(CpuTest, L3AndL4SizesSumEveryCacheRow) {
-    wmi.On(kCimv2, L"SELECT InstalledSize FROM Win32_CacheMemory WHERE Level='3'",
-           {{{L"InstalledSize", WmiValue::U32(4096)}}, {{L"InstalledSize", WmiValue::U32(8192)}}});
-    wmi.On(kCimv2, L"SELECT InstalledSize FROM Win32_CacheMemory WHERE Level='4'",
-           {{{L"InstalledSize", WmiValue::U32(64)}}, {{L"InstalledSize", WmiValue::NullValue()}}});
-    uint32_t value = 0;
-    uint32_t written = 0;
-    ASSERT_EQ(CpuQueryInformation(HAL_CPU_L3_SIZE_KB, &value, 4, &written), 1u);
-    EXPECT_EQ(value, 12288u);
-    ASSERT_EQ(CpuQueryInformation(HAL_CPU_L4_SIZE_KB, &value, 4, &written), 1u);
-    EXPECT_EQ(value, 64u);
-
-    // The sum's out-of-memory error stops at the export: 0, nothing written.
+TEST(CpuTest, CacheSumsEndTheirAllocationFailureAtTheExport) {
+    const std::string l3 = "SELECT InstalledSize FROM Win32_CacheMemory WHERE Level='3'";
+    const std::string l4 = "SELECT InstalledSize FROM Win32_CacheMemory WHERE Level='4'";
+    Machine machine(Cpu({}, {{l3, Rows("InstalledSize", {4096})}, {l4, Rows("InstalledSize", {64})}}));
     torvex::test::BstrRefusal refusal;
-    const std::pair<int32_t, std::wstring> cases[] = {
-        {HAL_CPU_L3_SIZE_KB, L"WQL"},
-        {HAL_CPU_L3_SIZE_KB, L"SELECT InstalledSize FROM Win32_CacheMemory WHERE Level='3'"},
-        {HAL_CPU_L4_SIZE_KB, L"WQL"},
-        {HAL_CPU_L4_SIZE_KB, L"SELECT InstalledSize FROM Win32_CacheMemory WHERE Level='4'"}};
-    for (const auto& [code, refused] : cases) {
-        refusal.Refuse(refused);
-        const size_t queries = wmi.Queries().size();
-        value = 5;
-        written = 777;
-        EXPECT_EQ(HalQueryInformation(HAL_CLASS_CPU, nullptr, code, &value, 4, &written), 0u) << refused;
-        EXPECT_EQ(value, 5u);
-        EXPECT_EQ(written, 777u);
-        EXPECT_EQ(wmi.Queries().size(), queries);
-        EXPECT_EQ(wmi.LiveObjects(), 0);
+    for (const auto& [code, refused] : {std::pair{12u, std::string("WQL")}, {12u, l3}, {13u, "WQL"}, {13u, l4}}) {
+        SCOPED_TRACE(refused);
+        refusal.Refuse(StringProc::StringToWString(refused));
+        auto query = [code](void* b, uint32_t s, uint32_t* w) { return HalQueryInformation(0, b, code, b, s, w); };
+        EXPECT_EQ(Ask(query, 4, 4), std::nullopt);  // through the Hal API, which drops the device
+        EXPECT_TRUE(machine.Asked("wmi").empty());
         EXPECT_EQ(refusal.LiveStrings(), 0u);
+        torvex::test::ExpectNothingHeld();
     }
 }
 
-TEST_F(CpuTest, OemValueIsByteTwoOfTheFirmwareAnswer) {
-    std::vector<uint8_t> sent;
-    std::vector<uint8_t> answer(256, 0);
-    wmi.SetFirmware(FakeWmi::FirmwareInput::U8Array, [&](const std::vector<uint8_t>& packet) {
-        sent = packet;
-        return answer;
-    });
-    answer[2] = 200;
-    uint32_t value = 0;
-    uint32_t written = 0;
-    ASSERT_EQ(CpuQueryInformation(HAL_CPU_OEM_VALUE, &value, 4, &written), 1u);
-    EXPECT_EQ(value, 200u);
-    std::vector<uint8_t> expected(64, 0);
-    expected[0] = 0x02;
-    expected[1] = 0x02;
-    EXPECT_EQ(sent, expected);
-    answer[0] = 1;  // status: refused
-    EXPECT_EQ(CpuQueryInformation(HAL_CPU_OEM_VALUE, &value, 4, &written), 0u);
+TEST(CpuTest, OemValueIsByteTwoOfTheFirmwaresAnswer) {
+    Machine machine(Json{{"wmi", {{"ROOT\\WMI", Json::object()}}},
+                         {"firmware", {{"present", true}, {"input", "u8Input"},
+                                       {"answers", {{"0202", {{"output", "0000c8ff"}, {"length", 260}}}}}}}});
+    EXPECT_EQ(Number(15), 200u);
+    const DWORD handles = torvex::test::OpenHandleCount();  // after the first call set up what stays
+    EXPECT_EQ(Number(15), 200u);
+    EXPECT_EQ(torvex::test::OpenHandleCount(), handles) << "a handle was left open";
+    EXPECT_EQ(machine.Last("firmware"), "OemWMIfun packet 0202") << "64 bytes: 02 02, then zeros";
+    machine.profile.doc()["firmware"]["answers"]["0202"]["output"] = "01";  // status: refused
+    EXPECT_EQ(Number(15), std::nullopt);
 }
 
-TEST_F(CpuTest, VendorClassification) {
-    const std::pair<const wchar_t*, uint32_t> cases[] = {
-        {L"Intel(R) Core(TM) i5", 1}, {L"Genuine Intel(R) CPU", 1}, {L"AMD Ryzen 5", 2},
-        {L"Snapdragon X Elite", 3},   {L"Qualcomm Snapdragon", 0},  {L"Oxide Virtual", 0},
-        {L"", 0},
-    };
+TEST(CpuTest, VendorClassificationAndTheCpuidProbeThatFollowsIt) {
+    unsigned int maxLeaf = 0, ebx = 0, ecx = 0, edx = 0;
+    __cpuid_count(0x80000000u, 0, maxLeaf, ebx, ecx, edx);  // the real processor's
+    const auto probe = static_cast<int32_t>(maxLeaf) >= int32_t(0x80000008u) ? std::optional(0u) : std::nullopt;
+    const std::pair<const char*, uint32_t> cases[] = {
+        {"Intel(R) Core(TM) i5", 1}, {"Genuine Intel(R) CPU", 1}, {"AMD Ryzen 5", 2}, {"Snapdragon X Elite", 3},
+        {"Qualcomm Snapdragon", 0},  {"Oxide Virtual", 0},        {"", 0}};
     for (const auto& [name, vendor] : cases) {
-        Name(name);
-        uint32_t value = 99;
-        uint32_t written = 0;
-        EXPECT_EQ(CpuQueryInformation(HAL_CPU_VENDOR_CLASS, &value, 4, &written), 1u) << name;
-        EXPECT_EQ(value, vendor) << name;
+        SCOPED_TRACE(name);
+        Machine machine(Cpu({{"ProcessorNameString", name}}));
+        EXPECT_EQ(Number(18), vendor);
+        EXPECT_EQ(Number(6), vendor == 1 || vendor == 2 ? probe : std::nullopt);
     }
-}
-
-bool HasExtendedLeaf() {
-    unsigned int eax = 0, ebx = 0, ecx = 0, edx = 0;
-    __cpuid_count(0x80000000u, 0, eax, ebx, ecx, edx);
-    return static_cast<int32_t>(eax) >= static_cast<int32_t>(0x80000008u);
-}
-
-TEST_F(CpuTest, CpuidProbeFollowsTheStoredVendorWhichCode18UpdatesEvenWhenItFails) {
-    uint32_t value = 7;
-    uint32_t written = 0;
-    Name(L"Intel(R) Xeon");
-    EXPECT_EQ(CpuQueryInformation(HAL_CPU_VENDOR_CLASS, &value, 3, &written), 0u) << "too small, yet detected";
-    EXPECT_EQ(value, 7u);
-    EXPECT_EQ(CpuQueryInformation(HAL_CPU_EXTENDED_CPUID, &value, 4, &written), HasExtendedLeaf() ? 1u : 0u);
-    if (HasExtendedLeaf()) {
-        EXPECT_EQ(value, 0u);
-    }
-
-    Name(L"Some Other CPU");
+    // Detection runs before the size check, and every detection replaces the stored vendor.
+    Machine machine(Cpu({{"ProcessorNameString", "AMD EPYC"}}));
+    EXPECT_EQ(Number(18, 3), std::nullopt);
+    EXPECT_EQ(Number(6), probe);
+    machine.profile.doc()["registry"][kCpuKey]["ProcessorNameString"]["sz"] = "Other";
     EXPECT_EQ(CpuInit(), 1u);
-    value = 7;
-    EXPECT_EQ(CpuQueryInformation(HAL_CPU_EXTENDED_CPUID, &value, 4, &written), 0u);
-    EXPECT_EQ(value, 7u);
+    EXPECT_EQ(Number(6), std::nullopt);
+    machine.profile.doc()["registry"][kCpuKey]["ProcessorNameString"]["sz"] = "Intel(R) Xeon";
+    EXPECT_EQ(HalInit(HAL_CLASS_CPU, nullptr), 1u);
+    EXPECT_EQ(Number(6), probe);
 }
 
-TEST_F(CpuTest, RefusedCodesAndPointers) {
-    Name(L"Intel(R) Core");
-    uint32_t value = 7;
-    uint32_t written = 9;
-    for (int32_t code : {-1, 5, 16, 19, 40, 0x7FFFFFFF}) {
-        EXPECT_EQ(CpuQueryInformation(code, &value, 64, &written), 0u) << code;
-    }
-    EXPECT_EQ(CpuQueryInformation(HAL_CPU_NAME, nullptr, 64, &written), 0u);
-    EXPECT_EQ(CpuQueryInformation(HAL_CPU_NAME, &value, 4, nullptr), 0u);
-    EXPECT_EQ(value, 7u);
-    EXPECT_EQ(written, 9u);
-    EXPECT_EQ(HalQueryInformation(HAL_CLASS_CPU, reinterpret_cast<void*>(1), 19, &value, 4, &written), 0u);
+// The enclave service's processor gate reads the vendor, then stops before any library is loaded.
+TEST(CpuTest, TheEnclaveGateStopsBeforeLoadingAnything) {
+    Machine machine(Cpu({{"ProcessorNameString", "Intel(R) Core"}, {"VendorIdentifier", "GenuineIntel"}}));
+    uint32_t value = 7, written = kUntouched;
+    void* out = &out;
+    EXPECT_TRUE(HalInit(HAL_CLASS_ENCLAVE, &out) == 0 && out == &out);
+    EXPECT_EQ(machine.Asked("registry")[1], std::string("HKLM\\") + kCpuKey + " VendorIdentifier");
+    EXPECT_TRUE(machine.Asked("library").empty());
+    EXPECT_EQ(HalControl(HAL_CLASS_ENCLAVE, nullptr, 0, "abcd", 4, &value, 4, &written), 0u);
+    EXPECT_EQ(HalQueryInformation(HAL_CLASS_ENCLAVE, nullptr, 0, &value, 4, &written), 0u);
+    EXPECT_TRUE(value == 7 && written == kUntouched);
 }
 
-TEST_F(CpuTest, EnclaveServiceStaysUnreachable) {
-    Name(L"Intel(R) Core(TM) i7");
-    registry.SetText(kCpuKey, L"VendorIdentifier", L"GenuineIntel");
-    int loads = 0;
-    static int* s_loads = nullptr;
-    s_loads = &loads;
-    struct Counter {
-        static HMODULE WINAPI Load(LPCWSTR) {
-            ++*s_loads;
-            return nullptr;
-        }
-    };
-    auto patch = torvex::test::Redirect("LoadLibraryW", &Counter::Load);
-    EXPECT_EQ(HalInit(HAL_CLASS_ENCLAVE, nullptr), 0u);
-    void* out = nullptr;
-    EXPECT_EQ(HalInit(HAL_CLASS_ENCLAVE, &out), 0u);
-    EXPECT_EQ(loads, 0) << "the processor gate stops the loader before the file system";
-    uint8_t input[4] = {1, 2, 3, 4};
-    uint8_t output[16] = {};
-    uint32_t returned = 0;
-    EXPECT_EQ(HalControl(HAL_CLASS_ENCLAVE, nullptr, 0, input, 4, output, 16, &returned), 0u);
-    EXPECT_EQ(HalQueryInformation(HAL_CLASS_ENCLAVE, nullptr, 1, input, 4, &returned), 0u);
-}
-
-// Wine's own registry and WMI, no fakes.
+// Wine's own registry and WMI.
 TEST(CpuOnWine, AnswersAgreeWithTheRegistryAndWmi) {
     EXPECT_EQ(HalInit(HAL_CLASS_CPU, nullptr), 1u);
     wchar_t name[256] = {};
     DWORD size = sizeof(name);
     ASSERT_EQ(RegGetValueW(HKEY_LOCAL_MACHINE, L"HARDWARE\\DESCRIPTION\\System\\CentralProcessor\\0",
-                           L"ProcessorNameString", RRF_RT_REG_SZ, nullptr, name, &size),
-              ERROR_SUCCESS);
-    char text[256] = {};
-    uint32_t written = 0;
-    ASSERT_EQ(HalQueryInformation(HAL_CLASS_CPU, nullptr, HAL_CPU_NAME, text, sizeof(text), &written), 1u);
-    EXPECT_EQ(std::string(text, written), StringProc::WStringToString(name));
-
+                           L"ProcessorNameString", RRF_RT_REG_SZ, nullptr, name, &size), ERROR_SUCCESS);
+    EXPECT_EQ(Text(HAL_CPU_NAME, 256), StringProc::WStringToString(name));
     HalWmi wmi(L"ROOT\\CIMV2");
     for (auto [code, property] : {std::pair{HAL_CPU_CORES, L"NumberOfCores"},
-                                  std::pair{HAL_CPU_LOGICAL_PROCESSORS, L"NumberOfLogicalProcessors"}}) {
-        uint32_t value = 0;
-        ASSERT_EQ(HalQueryInformation(HAL_CLASS_CPU, nullptr, code, &value, 4, &written), 1u);
-        EXPECT_EQ(value, wmi.SelectUInt(std::wstring(L"SELECT ") + property + L" FROM Win32_Processor", property));
-    }
-    uint32_t vendor = 99;
-    ASSERT_EQ(HalQueryInformation(HAL_CLASS_CPU, nullptr, HAL_CPU_VENDOR_CLASS, &vendor, 4, &written), 1u);
-    std::wstring lower(name);
-    for (auto& c : lower) c = static_cast<wchar_t>(towlower(c));
-    const uint32_t expected = lower.rfind(L"intel", 0) == 0 || lower.find(L"intel(r)") != std::wstring::npos ? 1
-                              : lower.rfind(L"amd", 0) == 0                                                  ? 2
-                              : lower.rfind(L"snapdragon", 0) == 0                                           ? 3
-                                                                                                             : 0;
-    EXPECT_EQ(vendor, expected);
+                                  std::pair{HAL_CPU_LOGICAL_PROCESSORS, L"NumberOfLogicalProcessors"}})
+        EXPECT_EQ(Number(code), wmi.SelectUInt(std::wstring(L"SELECT ") + property + L" FROM Win32_Processor", property));
+    const std::wstring text(name);  // this machine's processor is an Intel or an AMD one
+    EXPECT_EQ(Number(HAL_CPU_VENDOR_CLASS), text.find(L"Intel") != std::wstring::npos ? 1u : text.rfind(L"AMD", 0) == 0 ? 2u : 0u);
 }
 
 }  // namespace
