@@ -9,16 +9,20 @@
 #include <cstring>
 
 #include "devices/audio_volume.h"
-#include "support/fake_com.h"
+#include "com_object.h"
 #include "support/simulated_machine.h"
 #include "support/torvex_test.h"
 
 namespace torvex::test {
 namespace {
 
-class Callback : public ComObject<IAudioEndpointVolumeCallback> {
+class Callback : public torvex::sim::detail::ComObject<IAudioEndpointVolumeCallback> {
 public:
     HRESULT STDMETHODCALLTYPE OnNotify(PAUDIO_VOLUME_NOTIFICATION_DATA) override { return S_OK; }
+    long References() {
+        AddRef();
+        return static_cast<long>(Release());
+    }
 };
 
 // A sentinel-filled buffer and count; Refused() when a call left both alone.

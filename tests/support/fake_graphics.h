@@ -1,9 +1,5 @@
-// The graphics-driver COM server and the power scheme as the display colour
-// and brightness code sees them.
-//
-//   FakePower power;                          // power scheme and power status
-//   ComClassRegistration server(kGfxServerClass, [](REFIID iid, void** out) {
-//       return SharedGfxServer().QueryInterface(iid, out); });
+// The graphics-driver COM server as the display colour code sees it: a
+// stand-in, since machine profiles hold no vendor server.
 #pragma once
 
 #include <windows.h>
@@ -19,7 +15,6 @@ namespace torvex::test {
 
 extern const CLSID kGfxServerClass;
 extern const IID kGfxServerInterface;
-extern const GUID kDisplayClass;
 
 // A server with the same table shape as the driver's: entries 4, 27 and 44.
 struct FakeGfxServer : IUnknown {
@@ -56,29 +51,5 @@ struct FakeGfxServer : IUnknown {
 
 // The process's one server object (the library keeps its pointer for good).
 FakeGfxServer& SharedGfxServer();
-
-// Power status and the active power scheme's brightness values, through the
-// power imports, for the lifetime of the object.
-struct FakePower {
-    FakePower();
-    ~FakePower();
-    FakePower(const FakePower&) = delete;
-    FakePower& operator=(const FakePower&) = delete;
-
-    BYTE acLine = 1;
-    BYTE batteryFlag = 128;             // no battery unless set
-    BYTE batteryPercent = 255;
-    int statusFailures = 0, statusCalls = 0;    // GetSystemPowerStatus fails that many times first
-    SYSTEM_BATTERY_STATE battery{};     // answer of CallNtPowerInformation(SystemBatteryState)
-    int batteryFailures = 0, batteryCalls = 0;  // and that call too
-    DWORD acValue = 70, dcValue = 30;   // brightness in the scheme
-    DWORD written = 0;
-    bool wroteAc = false, wroteDc = false;
-    DWORD setResult = 0;                // PowerSetActiveScheme
-
-private:
-    FakePower* previous_;
-    std::vector<ImportPatch> patches_;
-};
 
 }  // namespace torvex::test
