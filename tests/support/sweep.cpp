@@ -110,7 +110,9 @@ void SweepOtherExports() {
                 HalControl(type, device, 1, nullptr, size, nullptr, size, nullptr);
                 HalSetCallback(type, 2, device);
             }
-            if (type != HAL_CLASS_WIFI) EXPECT_EQ(HalCloseDevice(type, device), type == HAL_CLASS_AUDIO ? 1u : 0u);
+            if (type != HAL_CLASS_WIFI) {
+                EXPECT_EQ(HalCloseDevice(type, device), type == HAL_CLASS_AUDIO ? 1u : 0u);
+            }
         }
     }
 }
