@@ -3,7 +3,6 @@
 #include <windows.h>
 #include <wlanapi.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -74,11 +73,7 @@ uint32_t WifiInit(void** out) {
         WlanCloseHandle(client, nullptr);
         return 0;
     }
-    // The block always has room for the first slot, zeroed when there is no
-    // interface: queries and sets address the first slot without looking at
-    // the count, and on an empty record they then ask for the null GUID
-    // instead of reading past the block. The size field still says 16.
-    auto* record = static_cast<HalWifiRecord*>(std::malloc(std::max<size_t>(size, sizeof(HalWifiRecord))));
+    auto* record = static_cast<HalWifiRecord*>(std::malloc(static_cast<size_t>(size)));
     if (record == nullptr) {
         torvex::DebugReport("[WifiInit] malloc Error", kFunction);
         list.reset();
@@ -90,7 +85,6 @@ uint32_t WifiInit(void** out) {
     record->size = static_cast<uint32_t>(size);
     record->count = count;
     record->clientHandle = client;
-    if (count == 0) std::memset(&record->interfaces[0], 0, sizeof(HalWifiInterface));
     for (uint32_t i = 0; i < count; ++i) {
         if (!torvex::BoundedCopy(&record->interfaces[i], sizeof(HalWifiInterface), &rawList->InterfaceInfo[i],
                                  sizeof(WLAN_INTERFACE_INFO)))
