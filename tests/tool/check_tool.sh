@@ -58,6 +58,13 @@ JSON
 check "a profile of the wrong shape" 1 $T replay $P-bad.json report
 grep -qF "$P-bad.json: at /wmi/ROOT\\CIMV2/queries/Q/rows/0/A/vt: expected" /tmp/torvex-err.$$ && [ "$(wc -l </tmp/torvex-err.$$)" = 1 ] ||
   { echo "FAIL: the refusal does not name the file and the place in one line:"; cat /tmp/torvex-err.$$; fail=1; }
+# A machine that answers nothing but a processor name in the ANSI code page:
+# still one complete JSON document, valid UTF-8, that the schema admits.
+cat >$P-nothing.json <<'JSON'
+{"schema": "torvex-machine/1", "registry": {"HARDWARE\\DESCRIPTION\\System\\CentralProcessor\\0": {"ProcessorNameString": {"sz": "Intel® Core™"}}}}
+JSON
+check "a machine that answers nothing" 0 $T replay $P-nothing.json report --json
+cp /tmp/torvex-out.$$ "$P-report-nothing.json"
 for machine in "$MACHINES"/*.json; do
   check "replay of $(basename "$machine")" 0 $T replay "$machine" report --json
   cp /tmp/torvex-out.$$ "$P-report-$(basename "$machine")"
