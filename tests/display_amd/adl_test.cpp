@@ -20,14 +20,30 @@ struct AdlStandInState {  // as adl_stand_in.c declares it
     int lastGetType = 0, colorSets = 0, lastSetType = 0, lastSetValue = 0, sourceSets = 0, lastSource = 0;
 };
 
-std::wstring g_asked;  // the path the AMD library was loaded from
+std::wstring g_asked;                       // the path the AMD library was loaded from
+std::wstring g_standIn = L"\\atiadlxx.dll";  // what is handed out instead, beside the test program
 ImportPatch* g_load = nullptr;
 
 HMODULE WINAPI LoadStandIn(LPCWSTR path) {
     if (std::wstring(path).find(L"atiadlxx") == std::wstring::npos)
         return g_load->Original<decltype(&LoadLibraryW)>()(path);
     g_asked = path;
-    return LoadLibraryW((ProgramDirectory() + L"\\atiadlxx.dll").c_str());
+    return LoadLibraryW((ProgramDirectory() + g_standIn).c_str());
+}
+
+// A library without the entry points the library needs is given up and unloaded again, not left in the host.
+// First in the program: once a complete library has loaded, it stays and is never looked for again.
+TEST(AdlLibrary, OneMissingEntryPointsIsUnloaded) {
+    SimulatedMachine machine{MachineFile{"amd-radeon-desktop"}};
+    ImportPatch load = Redirect("LoadLibraryW", &LoadStandIn);
+    g_load = &load, g_standIn = L"\\igcl_stand_in.dll";  // a vendor library, but not AMD's
+    void* out = nullptr;
+    EXPECT_EQ(HalInit(HAL_CLASS_DISPLAY, &out), 0u);
+    EXPECT_EQ(out, nullptr);
+    EXPECT_FALSE(g_asked.empty()) << "the AMD library was looked for";
+    EXPECT_EQ(GetModuleHandleW(L"igcl_stand_in.dll"), nullptr) << "and freed again";
+    g_standIn = L"\\atiadlxx.dll", g_asked.clear();
+    ExpectNothingHeld();
 }
 
 class AdlTest : public ::testing::Test {
