@@ -60,27 +60,20 @@ const std::pair<SelectFn, std::wstring> kDefaults[] = {{Str, L""}, {StrA, L""}, 
 HRESULT WINAPI NoLocator(REFCLSID, LPUNKNOWN, DWORD, REFIID, void** out) { *out = nullptr; return REGDB_E_CLASSNOTREG; }
 
 // "MutexWMI" is kept open as another process would: after every test, another thread
-// takes it at once (other programs hold it for a moment at most), and no WMI object is
-// held. Over the suite no handle is left open.
+// takes it at once (other programs hold it for a moment at most), the test's own handle
+// is the only one open to it, and no WMI object is held.
 class HalWmiTest : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() { handles_ = torvex::test::OpenHandleCount(); }
-    static void TearDownTestSuite() {
-        // Wine closes a finished thread's objects a moment later: a leak stays, that does not.
-        DWORD handles = torvex::test::OpenHandleCount();
-        for (int retry = 0; retry < 10 && handles != handles_; ++retry, Sleep(100)) handles = torvex::test::OpenHandleCount();
-        EXPECT_EQ(handles, handles_) << "a handle left open";
-    }
     void SetUp() override { mutex_ = CreateMutexW(nullptr, FALSE, L"MutexWMI"); }
     void TearDown() override {
         torvex::test::ExpectNothingHeld();
+        EXPECT_EQ(torvex::test::OpenHandlesNamed(L"MutexWMI"), 1u) << "a handle to MutexWMI left open";
         DWORD waited = WAIT_FAILED;
         std::thread([&] { waited = WaitForSingleObject(mutex_, 2000); ReleaseMutex(mutex_); }).join();
         EXPECT_EQ(waited, static_cast<DWORD>(WAIT_OBJECT_0)) << "MutexWMI is still held";
         CloseHandle(mutex_);
     }
     HANDLE mutex_ = nullptr;
-    static inline DWORD handles_ = 0;
 };
 
 TEST_F(HalWmiTest, SelectsJoinOrTakeTheFirstRow) {
