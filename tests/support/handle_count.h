@@ -9,11 +9,17 @@
 
 namespace torvex::test {
 
+// Handles are given out lowest free value first, so a long run of unused values is the end of the table.
 template <typename Fn>
 void ForEachOpenHandle(Fn&& fn) {
-    for (ULONG_PTR value = 4; value < 0x10000; value += 4) {
+    for (ULONG_PTR value = 4, unused = 0; value < 0x10000 && unused < 1024; value += 4) {
         DWORD flags = 0;
-        if (GetHandleInformation(reinterpret_cast<HANDLE>(value), &flags)) fn(reinterpret_cast<HANDLE>(value));
+        if (!GetHandleInformation(reinterpret_cast<HANDLE>(value), &flags)) {
+            ++unused;
+            continue;
+        }
+        unused = 0;
+        fn(reinterpret_cast<HANDLE>(value));
     }
 }
 
