@@ -41,6 +41,8 @@ TORVEX_FN(CM_Get_DevNode_Status)
 #undef TORVEX_FN
 
 // Property keys by name, as they appear in profiles; others read "{GUID} pid".
+// Spelled out here rather than taken from the library's constants, so that a
+// wrong byte in one of those finds no answer.
 struct KeyName {
     DEVPROPKEY key;
     const char* name;

@@ -8,6 +8,8 @@
 #include <oleauto.h>
 #include <setupapi.h>
 
+#include <cstdlib>
+#include <memory>
 #include <utility>
 
 namespace torvex {
@@ -152,6 +154,13 @@ struct SafeArrayTraits {
     static void Release(SAFEARRAY* a) { ::SafeArrayDestroy(a); }
 };
 using SafeArray = UniqueResource<SAFEARRAY*, SafeArrayTraits>;
+
+// Memory from malloc: records the library hands out, and blocks a vendor
+// library allocates through the allocator the library gave it.
+struct MallocFree {
+    void operator()(void* p) const { std::free(p); }
+};
+using MallocBlock = std::unique_ptr<void, MallocFree>;
 
 // COM interface pointer, released when it goes out of scope.
 template <typename T>

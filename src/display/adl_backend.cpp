@@ -6,9 +6,9 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string>
 
+#include "common/win_resource.h"
 #include "display/color_backend.h"
 #include "display/display_math.h"
 #include "torvex.h"
@@ -74,17 +74,15 @@ bool LoadAdl() {
     if (g_adlLoaded) return true;
     wchar_t directory[MAX_PATH] = {};
     GetSystemDirectoryW(directory, MAX_PATH);
-    HMODULE module = LoadLibraryW((std::wstring(directory) + L"\\atiadlxx.dll").c_str());
-    if (module == nullptr) return false;
+    torvex::Library module(LoadLibraryW((std::wstring(directory) + L"\\atiadlxx.dll").c_str()));
+    if (!module) return false;
     void* entries[kAdlCount] = {};
     for (size_t i = 0; i < kAdlCount; ++i) {
-        entries[i] = reinterpret_cast<void*>(GetProcAddress(module, kAdlNames[i]));
-        if (entries[i] == nullptr) {
-            FreeLibrary(module);
-            return false;
-        }
+        entries[i] = reinterpret_cast<void*>(GetProcAddress(module.get(), kAdlNames[i]));
+        if (entries[i] == nullptr) return false;  // freed again: an incomplete library is not kept
     }
     std::memcpy(g_adl, entries, sizeof(entries));
+    module.release();  // loaded for the rest of the process: the entry points stay in use
     g_adlLoaded = true;
     return true;
 }
@@ -104,10 +102,6 @@ public:
 private:
     AdlContext context_ = nullptr;
     bool opened_ = false;
-};
-
-struct MallocFree {
-    void operator()(void* p) const { std::free(p); }
 };
 
 int32_t ReadInt(const void* base, size_t offset) {
@@ -225,7 +219,7 @@ uint32_t InitAdl(void** out) {
     void* rawInfo = nullptr;
     int adapters = 0;
     const int infoResult = Adl<AdlAdapterInfoX2>(kAdlAdapterInfoX2)(session.get(), &rawInfo);
-    std::unique_ptr<void, MallocFree> info(rawInfo);
+    torvex::MallocBlock info(rawInfo);
     if (infoResult != kAdlOk || Adl<AdlAdapterCount>(kAdlAdapterCount)(session.get(), &adapters) != kAdlOk ||
         info == nullptr)
         return 0;
@@ -234,7 +228,7 @@ uint32_t InitAdl(void** out) {
         int displayCount = 0;
         void* rawDisplays = nullptr;
         Adl<AdlDisplayInfo>(kAdlDisplayInfo)(session.get(), adapterIndex, &displayCount, &rawDisplays, 0);
-        std::unique_ptr<void, MallocFree> displays(rawDisplays);
+        torvex::MallocBlock displays(rawDisplays);
         if (displays == nullptr) continue;
         for (int d = 0; d < displayCount; ++d) {
             const size_t base = kDisplayInfoBytes * static_cast<size_t>(d);

@@ -1,12 +1,11 @@
 // Display colour and brightness (class 19): the entry points the Hal API
 // reaches. The back end is chosen at HalInit(19) from the adapter names; each
 // back end lives in a file of its own (see color_backend.h).
-#include <cstdlib>
 #include <cwchar>
 #include <initializer_list>
-#include <memory>
 
 #include "api/modules.h"
+#include "common/win_resource.h"
 #include "display/color_backend.h"
 #include "torvex.h"
 
@@ -22,10 +21,6 @@ ColorBackend* Answering(void* context) {
     return nullptr;
 }
 
-struct MallocFree {
-    void operator()(void* p) const { std::free(p); }
-};
-
 }  // namespace
 
 bool IsDisplayBackendReady() { return AdlBackend().Intact() && GfxServerBackend().Intact() && IgclBackend().Intact(); }
@@ -37,7 +32,7 @@ using namespace torvex::display;
 uint32_t DisplayColorInit(void** out) {
     void* rawList = nullptr;
     if (GpInit(&rawList) == 0) return 0;
-    std::unique_ptr<void, MallocFree> list(rawList);
+    torvex::MallocBlock list(rawList);
     auto* adapters = static_cast<GpuAdapterList*>(rawList);
     if (adapters == nullptr || !IsDisplayBackendReady() || adapters->count == 0) return 1;
     // The first adapter whose name says AMD or Intel decides.

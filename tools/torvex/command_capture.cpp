@@ -35,8 +35,10 @@ std::vector<void*> Devices(HalDeviceType type, void* record) {
     std::memcpy(&header, bytes, sizeof(header));
     size_t stride = 0;
     switch (type) {
-    case HAL_CLASS_AUDIO: case HAL_CLASS_DISK: case HAL_CLASS_MEMORY: stride = 16; break;
-    case HAL_CLASS_DRIVER: stride = 520; break;
+    case HAL_CLASS_AUDIO: stride = sizeof(HalAudioDeviceRecord); break;
+    case HAL_CLASS_DISK: stride = sizeof(HalDiskRecord); break;
+    case HAL_CLASS_MEMORY: stride = sizeof(HalMemoryModuleEntry); break;
+    case HAL_CLASS_DRIVER: stride = sizeof(HalDriverProblemList::captions[0]); break;
     default: return {record};  // the record itself is the device
     }
     for (uint32_t i = 0; i < header.count; ++i) devices.push_back(bytes + sizeof(header) + stride * i);
