@@ -21,6 +21,8 @@
 #include <vector>
 
 #include "torvex.h"
+#include "torvex/com_ptr.h"
+#include "torvex/text.h"
 
 namespace {
 
@@ -50,17 +52,6 @@ struct Side {
 
 // ------------------------------------------------------- hand-written side
 
-template <typename T>
-struct Com {  // one owned COM reference
-    T* p = nullptr;
-    Com() = default;
-    Com(const Com&) = delete;
-    ~Com() {
-        if (p != nullptr) p->Release();
-    }
-    T* operator->() const { return p; }
-};
-
 struct Bstr {
     explicit Bstr(const wchar_t* text) : value(SysAllocString(text)) {}
     Bstr(const Bstr&) = delete;
@@ -69,46 +60,31 @@ struct Bstr {
 };
 
 // The library's narrow answers are in the ANSI code page; compare in it too.
-std::string Ansi(const wchar_t* text, size_t length) {
-    if (text == nullptr || length == 0) return std::string();
-    const int bytes = WideCharToMultiByte(CP_ACP, 0, text, static_cast<int>(length), nullptr, 0, nullptr, nullptr);
-    if (bytes <= 0) return std::string();
-    std::string out(static_cast<size_t>(bytes), '\0');
-    WideCharToMultiByte(CP_ACP, 0, text, static_cast<int>(length), out.data(), bytes, nullptr, nullptr);
-    return out;
-}
-
-std::wstring Wide(const std::string& text) {
-    const int units = MultiByteToWideChar(CP_ACP, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
-    if (units <= 0) return std::wstring();
-    std::wstring out(static_cast<size_t>(units), L'\0');
-    MultiByteToWideChar(CP_ACP, 0, text.data(), static_cast<int>(text.size()), out.data(), units);
-    return out;
-}
+std::string Ansi(const wchar_t* text, size_t length) { return torvex::text::ToNarrow({text, length}, CP_ACP); }
 
 // Locator, ConnectServer, proxy blanket, ExecQuery, the first row and its
 // property, everything released on return. A query that runs but gives no
 // row or no value answers empty text.
 bool WmiFirstRow(const wchar_t* nameSpace, const std::wstring& query, const wchar_t* property, std::string& answer) {
-    Com<IWbemLocator> locator;
+    torvex::ComPtr<IWbemLocator> locator;
     if (FAILED(CoCreateInstance(CLSID_WbemLocator, nullptr, CLSCTX_INPROC_SERVER, IID_IWbemLocator,
-                                reinterpret_cast<void**>(&locator.p))))
+                                locator.put_void())))
         return false;
     Bstr path(nameSpace), language(L"WQL"), text(query.c_str()), name(property);
-    Com<IWbemServices> services;
-    if (FAILED(locator->ConnectServer(path.value, nullptr, nullptr, nullptr, 0, nullptr, nullptr, &services.p)) ||
-        FAILED(CoSetProxyBlanket(services.p, RPC_C_AUTHN_WINNT, RPC_C_AUTHZ_NONE, nullptr,
+    torvex::ComPtr<IWbemServices> services;
+    if (FAILED(locator->ConnectServer(path.value, nullptr, nullptr, nullptr, 0, nullptr, nullptr, services.put())) ||
+        FAILED(CoSetProxyBlanket(services.get(), RPC_C_AUTHN_WINNT, RPC_C_AUTHZ_NONE, nullptr,
                                  RPC_C_AUTHN_LEVEL_CALL, RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE)))
         return false;
-    Com<IEnumWbemClassObject> rows;
+    torvex::ComPtr<IEnumWbemClassObject> rows;
     if (FAILED(services->ExecQuery(language.value, text.value, WBEM_FLAG_FORWARD_ONLY | WBEM_FLAG_RETURN_IMMEDIATELY,
-                                   nullptr, &rows.p)) ||
-        rows.p == nullptr)
+                                   nullptr, rows.put())) ||
+        !rows)
         return false;
     answer.clear();
-    Com<IWbemClassObject> row;
+    torvex::ComPtr<IWbemClassObject> row;
     ULONG fetched = 0;
-    if (FAILED(rows->Next(static_cast<long>(WBEM_INFINITE), 1, &row.p, &fetched)) || fetched == 0) return true;
+    if (FAILED(rows->Next(static_cast<long>(WBEM_INFINITE), 1, row.put(), &fetched)) || fetched == 0) return true;
     VARIANT value;
     VariantInit(&value);
     if (SUCCEEDED(row->Get(name.value, 0, &value, nullptr, nullptr)) && value.vt != VT_NULL &&
@@ -303,7 +279,7 @@ int main(int argc, char** argv) {
                     byLocator ? L"DeviceLocator" : L"BankLabel", slot);
         const std::wstring query = std::wstring(L"SELECT Capacity FROM Win32_PhysicalMemory WHERE ") +
                                    (byLocator ? L"DeviceLocator='" : L"BankLabel='") +
-                                   Wide(slot) + L"'";
+                                   torvex::text::ToWide(slot, CP_ACP) + L"'";
         void* entry = &static_cast<HalMemoryModuleList*>(memory)->entries[0];
         pairs.push_back({"memory 0 capacity MiB", LibraryNumber<uint64_t>(HAL_CLASS_MEMORY, entry, HAL_MM_CAPACITY_MIB),
                          [query](std::string& answer) { return BaselineCapacityMib(query, answer); }});

@@ -36,9 +36,6 @@ void Validate(const Json& audio, const At& at) {
 class SimVolume : public ComObject<IAudioEndpointVolume> {
 public:
     SimVolume(const char* flow, IAudioEndpointVolume* real) : flow_(flow), real_(real) {}
-    ~SimVolume() override {
-        if (real_ != nullptr) real_->Release();
-    }
 
     HRESULT STDMETHODCALLTYPE RegisterControlChangeNotify(IAudioEndpointVolumeCallback* callback) override {
         return real_ != nullptr ? real_->RegisterControlChangeNotify(callback) : S_OK;
@@ -113,15 +110,12 @@ private:
     }
 
     const char* flow_;
-    IAudioEndpointVolume* real_;
+    ComPtr<IAudioEndpointVolume> real_;
 };
 
 class SimDevice : public ComObject<IMMDevice> {
 public:
     SimDevice(const char* flow, IMMDevice* real) : flow_(flow), real_(real) {}
-    ~SimDevice() override {
-        if (real_ != nullptr) real_->Release();
-    }
     HRESULT STDMETHODCALLTYPE Activate(REFIID iid, DWORD context, PROPVARIANT* parameters, void** out) override {
         if (out == nullptr) return E_POINTER;
         *out = nullptr;
@@ -140,15 +134,12 @@ public:
 
 private:
     const char* flow_;
-    IMMDevice* real_;
+    ComPtr<IMMDevice> real_;
 };
 
 class SimEnumerator : public ComObject<IMMDeviceEnumerator> {
 public:
     explicit SimEnumerator(IMMDeviceEnumerator* real) : real_(real) {}
-    ~SimEnumerator() override {
-        if (real_ != nullptr) real_->Release();
-    }
     HRESULT STDMETHODCALLTYPE GetDefaultAudioEndpoint(EDataFlow flow, ERole role, IMMDevice** device) override {
         if (device == nullptr) return E_POINTER;
         *device = nullptr;
@@ -178,7 +169,7 @@ public:
     HRESULT STDMETHODCALLTYPE UnregisterEndpointNotificationCallback(IMMNotificationClient*) override { return E_NOTIMPL; }
 
 private:
-    IMMDeviceEnumerator* real_;
+    ComPtr<IMMDeviceEnumerator> real_;
 };
 
 void Install(Installer&) {}  // reached through CoCreateInstance

@@ -81,9 +81,6 @@ void DecodeDesc(const Json& j, DXGI_ADAPTER_DESC& d) {
 class SimAdapter : public ComObject<IDXGIAdapter> {
 public:
     SimAdapter(UINT index, IDXGIAdapter* real) : index_(index), real_(real) {}
-    ~SimAdapter() override {
-        if (real_ != nullptr) real_->Release();
-    }
     HRESULT STDMETHODCALLTYPE GetDesc(DXGI_ADAPTER_DESC* desc) override {
         if (desc == nullptr) return E_INVALIDARG;
         Lock lock(Active().mutex);
@@ -120,15 +117,12 @@ public:
 
 private:
     UINT index_;
-    IDXGIAdapter* real_;
+    ComPtr<IDXGIAdapter> real_;
 };
 
 class SimFactory : public ComObject<IDXGIFactory> {
 public:
     explicit SimFactory(IDXGIFactory* real) : real_(real) {}
-    ~SimFactory() override {
-        if (real_ != nullptr) real_->Release();
-    }
     HRESULT STDMETHODCALLTYPE EnumAdapters(UINT index, IDXGIAdapter** adapter) override {
         if (adapter == nullptr) return E_INVALIDARG;
         *adapter = nullptr;
@@ -163,7 +157,7 @@ public:
     HRESULT STDMETHODCALLTYPE GetParent(REFIID, void**) override { return E_NOTIMPL; }
 
 private:
-    IDXGIFactory* real_;
+    ComPtr<IDXGIFactory> real_;
 };
 
 HRESULT CreateFactory(CreateFactoryFn real, const char* name, REFIID iid, void** out) {

@@ -62,12 +62,9 @@ class FirmwareObject : public ClassObjectBase {
 public:
     enum class Kind { Class, Signature, Input, Output };
     FirmwareObject(Kind kind, IWbemClassObject* real) : kind_(kind), real_(real) {}
-    ~FirmwareObject() override {
-        if (real_ != nullptr) real_->Release();
-    }
 
     Kind kind() const { return kind_; }
-    IWbemClassObject* real() const { return real_; }
+    IWbemClassObject* real() const { return real_.get(); }
     std::vector<uint8_t> packet = std::vector<uint8_t>(kPacketBytes, 0);
     std::string key;      // output: the packet it answers
     Json answer;          // output under replay
@@ -176,7 +173,7 @@ private:
     }
 
     Kind kind_;
-    IWbemClassObject* real_;
+    ComPtr<IWbemClassObject> real_;
 };
 
 // Replay only: a set the profile has no answer for is accepted, and the

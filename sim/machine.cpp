@@ -104,24 +104,7 @@ void Note(const char* source, std::string call, std::string outcome, bool failed
     c.trace->Add({"", source, std::move(call), std::move(outcome), failed, std::move(detail)});
 }
 
-std::string Utf8(const wchar_t* text) { return text != nullptr ? Utf8(std::wstring(text)) : std::string(); }
-
-std::string Utf8(const std::wstring& text) {
-    if (text.empty()) return {};
-    const int size = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0,
-                                         nullptr, nullptr);
-    std::string out(static_cast<size_t>(size), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(), size, nullptr, nullptr);
-    return out;
-}
-
-std::wstring Wide(const std::string& utf8) {
-    if (utf8.empty()) return {};
-    const int size = MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()), nullptr, 0);
-    std::wstring out(static_cast<size_t>(size), L'\0');
-    MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()), out.data(), size);
-    return out;
-}
+std::string Utf8(const wchar_t* text) { return text != nullptr ? Utf8(std::wstring_view(text)) : std::string(); }
 
 std::string Hex(const void* data, size_t size) {
     static const char kDigits[] = "0123456789abcdef";

@@ -16,6 +16,8 @@
 
 #include "import_patch.h"
 #include "machine.h"
+#include "torvex/com_ptr.h"
+#include "torvex/text.h"
 
 namespace torvex::sim::detail {
 
@@ -62,9 +64,9 @@ bool Unchangeable(const char* source, const std::string& call);
 void Note(const char* source, std::string call, std::string outcome, bool failed, std::string detail = {});
 
 // Text helpers.
-std::string Utf8(const std::wstring& text);
+using text::Utf8;
+using text::Wide;
 std::string Utf8(const wchar_t* text);  // null reads as ""
-std::wstring Wide(const std::string& utf8);
 std::string Hex(const void* data, size_t size);
 bool ParseHex(const std::string& text, std::vector<uint8_t>& bytes);
 std::string HresultText(long hr);  // "0x8004100E"

@@ -8,6 +8,8 @@
 #include <string>
 
 #include "source.h"
+#include "torvex/graphics_server.h"
+#include "torvex/program_directory.h"
 
 namespace torvex::sim::detail {
 namespace {
@@ -24,7 +26,6 @@ FreeLibraryFn g_free = nullptr;
 
 const char* const kLibraries[] = {"atiadlxx.dll", "ControlLib.dll", "Vaultrun.dll"};
 constexpr char kServer[] = "graphics_server";
-constexpr CLSID kGraphicsServer = {0x7160A13D, 0x73DA, 0x4CEA, {0x95, 0xB9, 0x37, 0x35, 0x64, 0x78, 0x58, 0x8A}};
 
 std::wstring FileName(LPCWSTR path) {
     const std::wstring text = path != nullptr ? path : L"";
@@ -92,13 +93,6 @@ std::wstring SystemDirectory() {
     return directory;
 }
 
-std::wstring ProgramDirectory() {
-    wchar_t path[MAX_PATH] = {};
-    GetModuleFileNameW(nullptr, path, MAX_PATH);
-    std::wstring text(path);
-    return text.substr(0, text.find_last_of(L"\\/"));
-}
-
 void Install(Installer& installer) {
     installer.Hook("LoadLibraryW", &HookLoad, g_load);
     installer.Hook("LoadLibraryExW", &HookLoadEx, g_loadEx);
@@ -110,7 +104,7 @@ void Install(Installer& installer) {
 
 HRESULT CreateOtherClass(REFCLSID clsid, LPUNKNOWN outer, DWORD context, REFIID iid, void** out,
                          HRESULT (*real)(REFCLSID, LPUNKNOWN, DWORD, REFIID, LPVOID*)) {
-    const bool server = IsEqualCLSID(clsid, kGraphicsServer);
+    const bool server = IsEqualCLSID(clsid, kGfxServerClass);
     const std::string call = server ? "graphics driver server" : "class " + GuidText(clsid);
     if (Active().live()) {
         const HRESULT hr = real(clsid, outer, context, iid, out);
@@ -141,7 +135,7 @@ void RecordVendorPresence() {
          FileExists(ProgramDirectory() + L"\\ControlLib.dll") || FileExists(SystemDirectory() + L"\\ControlLib.dll"));
     Keep({"vendor", kLibraries[2]}, FileExists(ProgramDirectory() + L"\\Vaultrun.dll"));
     HKEY key = nullptr;
-    const std::wstring path = L"CLSID\\" + Wide(GuidText(kGraphicsServer));
+    const std::wstring path = L"CLSID\\" + Wide(GuidText(kGfxServerClass));
     const bool registered = RegOpenKeyExW(HKEY_CLASSES_ROOT, path.c_str(), 0, KEY_READ, &key) == ERROR_SUCCESS;
     if (key != nullptr) RegCloseKey(key);
     Keep({"vendor", kServer}, registered);

@@ -272,9 +272,6 @@ class SimRow : public ClassObjectBase {
 public:
     SimRow(std::shared_ptr<QueryRun> run, size_t index, IWbemClassObject* real, Json replayed)
         : run_(std::move(run)), index_(index), real_(real), replayed_(std::move(replayed)) {}
-    ~SimRow() override {
-        if (real_ != nullptr) real_->Release();
-    }
 
     HRESULT STDMETHODCALLTYPE Get(LPCWSTR name, LONG flags, VARIANT* value, CIMTYPE* type, LONG* flavor) override {
         if (name == nullptr || value == nullptr) return WBEM_E_INVALID_PARAMETER;
@@ -314,7 +311,7 @@ private:
 
     std::shared_ptr<QueryRun> run_;
     size_t index_;
-    IWbemClassObject* real_;
+    ComPtr<IWbemClassObject> real_;
     Json replayed_;
 };
 
@@ -322,9 +319,6 @@ class SimEnumerator : public ComObject<IEnumWbemClassObject> {
 public:
     SimEnumerator(std::shared_ptr<QueryRun> run, IEnumWbemClassObject* real, Json replayed)
         : run_(std::move(run)), real_(real), replayed_(std::move(replayed)) {}
-    ~SimEnumerator() override {
-        if (real_ != nullptr) real_->Release();
-    }
 
     HRESULT STDMETHODCALLTYPE Next(LONG timeout, ULONG count, IWbemClassObject** objects, ULONG* returned) override {
         if (objects == nullptr || returned == nullptr || count == 0) return WBEM_E_INVALID_PARAMETER;
@@ -378,21 +372,18 @@ public:
 
 private:
     std::shared_ptr<QueryRun> run_;
-    IEnumWbemClassObject* real_;
+    ComPtr<IEnumWbemClassObject> real_;
     Json replayed_;
 };
 
 class SimServices : public ServicesBase {
 public:
     SimServices(std::wstring nameSpace, IWbemServices* real) : nameSpace_(std::move(nameSpace)), real_(real) {}
-    ~SimServices() override {
-        if (real_ != nullptr) real_->Release();
-    }
 
     HRESULT STDMETHODCALLTYPE SetBlanket(IUnknown*, DWORD authn, DWORD authz, OLECHAR* server, DWORD level,
                                          DWORD impersonation, void* identity, DWORD capabilities) override {
         if (real_ == nullptr) return S_OK;
-        return CoSetProxyBlanket(real_, authn, authz, server, level, impersonation, identity, capabilities);
+        return CoSetProxyBlanket(real_.get(), authn, authz, server, level, impersonation, identity, capabilities);
     }
 
     HRESULT STDMETHODCALLTYPE ExecQuery(const BSTR language, const BSTR query, LONG flags, IWbemContext* context,
@@ -438,26 +429,23 @@ public:
 
     HRESULT STDMETHODCALLTYPE GetObject(const BSTR path, LONG, IWbemContext*, IWbemClassObject** object,
                                         IWbemCallResult**) override {
-        return FirmwareGetObject(real_, nameSpace_, path, object);
+        return FirmwareGetObject(real_.get(), nameSpace_, path, object);
     }
 
     HRESULT STDMETHODCALLTYPE ExecMethod(const BSTR path, const BSTR method, LONG, IWbemContext*,
                                          IWbemClassObject* input, IWbemClassObject** output,
                                          IWbemCallResult**) override {
-        return FirmwareExecMethod(real_, nameSpace_, path, method, input, output);
+        return FirmwareExecMethod(real_.get(), nameSpace_, path, method, input, output);
     }
 
 private:
     std::wstring nameSpace_;
-    IWbemServices* real_;
+    ComPtr<IWbemServices> real_;
 };
 
 class SimLocator : public ComObject<IWbemLocator> {
 public:
     explicit SimLocator(IWbemLocator* real) : real_(real) {}
-    ~SimLocator() override {
-        if (real_ != nullptr) real_->Release();
-    }
 
     HRESULT STDMETHODCALLTYPE ConnectServer(const BSTR path, const BSTR user, const BSTR password, const BSTR locale,
                                             LONG flags, const BSTR authority, IWbemContext* context,
@@ -505,7 +493,7 @@ private:
     static std::string entry_text(HRESULT hr) {
         return hr == kNoNamespace ? "no such namespace (" + HresultText(hr) + ")" : "error " + HresultText(hr);
     }
-    IWbemLocator* real_;
+    ComPtr<IWbemLocator> real_;
 };
 
 void Install(Installer&) {}  // reached through CoCreateInstance

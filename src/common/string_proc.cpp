@@ -3,38 +3,11 @@
 #include <windows.h>
 
 #include <cctype>
-#include <climits>
 
 #include "torvex.h"
+#include "torvex/text.h"
 
 namespace {
-
-// Two passes: measure, then convert into a string of exactly that length.
-// The input's own length is passed, so no terminator is converted.
-std::wstring ToWide(const std::string& text, UINT codePage) {
-    if (text.empty() || text.size() > static_cast<size_t>(INT_MAX)) return {};
-    const int length = static_cast<int>(text.size());
-    const int needed = ::MultiByteToWideChar(codePage, 0, text.data(), length, nullptr, 0);
-    if (needed <= 0) return {};
-    std::wstring result(static_cast<size_t>(needed), L'\0');
-    const int converted = ::MultiByteToWideChar(codePage, 0, text.data(), length, result.data(), needed);
-    if (converted <= 0) return {};
-    result.resize(static_cast<size_t>(converted));
-    return result;
-}
-
-std::string ToNarrow(const std::wstring& text, UINT codePage) {
-    if (text.empty() || text.size() > static_cast<size_t>(INT_MAX)) return {};
-    const int length = static_cast<int>(text.size());
-    const int needed = ::WideCharToMultiByte(codePage, 0, text.data(), length, nullptr, 0, nullptr, nullptr);
-    if (needed <= 0) return {};
-    std::string result(static_cast<size_t>(needed), '\0');
-    const int converted =
-        ::WideCharToMultiByte(codePage, 0, text.data(), length, result.data(), needed, nullptr, nullptr);
-    if (converted <= 0) return {};
-    result.resize(static_cast<size_t>(converted));
-    return result;
-}
 
 // Only the space character is trimmed: tabs and line breaks are kept.
 template <typename String>
@@ -49,13 +22,13 @@ String TrimSpaces(const String& text, typename String::value_type space) {
 
 namespace StringProc {
 
-std::wstring StringToWString(const std::string& text) { return ToWide(text, CP_ACP); }
+std::wstring StringToWString(const std::string& text) { return torvex::text::ToWide(text, CP_ACP); }
 
-std::string WStringToString(const std::wstring& text) { return ToNarrow(text, CP_ACP); }
+std::string WStringToString(const std::wstring& text) { return torvex::text::ToNarrow(text, CP_ACP); }
 
-std::wstring StringToWStringByUTF8(const std::string& text) { return ToWide(text, CP_UTF8); }
+std::wstring StringToWStringByUTF8(const std::string& text) { return torvex::text::ToWide(text, CP_UTF8); }
 
-std::string WStringToStringByUTF8(const std::wstring& text) { return ToNarrow(text, CP_UTF8); }
+std::string WStringToStringByUTF8(const std::wstring& text) { return torvex::text::ToNarrow(text, CP_UTF8); }
 
 std::string StringTrim(const std::string& text) { return TrimSpaces(text, ' '); }
 

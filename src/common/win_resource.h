@@ -12,6 +12,8 @@
 #include <memory>
 #include <utility>
 
+#include "torvex/com_ptr.h"  // ComPtr, shared with the simulation layer and the tool
+
 namespace torvex {
 
 // Generic owner: Traits gives the empty value, the validity test and the release.
@@ -161,38 +163,5 @@ struct MallocFree {
     void operator()(void* p) const { std::free(p); }
 };
 using MallocBlock = std::unique_ptr<void, MallocFree>;
-
-// COM interface pointer, released when it goes out of scope.
-template <typename T>
-class ComPtr {
-public:
-    ComPtr() noexcept = default;
-    explicit ComPtr(T* p) noexcept : p_(p) {}  // takes ownership of one reference
-    ~ComPtr() { reset(); }
-    ComPtr(const ComPtr&) = delete;
-    ComPtr& operator=(const ComPtr&) = delete;
-    ComPtr(ComPtr&& other) noexcept : p_(std::exchange(other.p_, nullptr)) {}
-    ComPtr& operator=(ComPtr&& other) noexcept {
-        if (this != &other) reset(std::exchange(other.p_, nullptr));
-        return *this;
-    }
-
-    T* get() const noexcept { return p_; }
-    T* operator->() const noexcept { return p_; }
-    explicit operator bool() const noexcept { return p_ != nullptr; }
-    T** put() noexcept {
-        reset();
-        return &p_;
-    }
-    void** put_void() noexcept { return reinterpret_cast<void**>(put()); }
-    T* release() noexcept { return std::exchange(p_, nullptr); }
-    void reset(T* p = nullptr) noexcept {
-        T* old = std::exchange(p_, p);
-        if (old != nullptr) old->Release();
-    }
-
-private:
-    T* p_ = nullptr;
-};
 
 }  // namespace torvex

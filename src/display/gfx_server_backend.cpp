@@ -13,43 +13,15 @@
 #include "display/color_backend.h"
 #include "display/display_math.h"
 #include "torvex.h"
+#include "torvex/graphics_server.h"
 
 namespace torvex::display {
-
-// The three entries of the server's interface that the library uses: the
-// 4th (name to display identifier), the 27th (gamma ramp) and the 44th
-// (generic get). The others are never called.
-// Declared outside the unnamed namespace: the objects come from the driver,
-// so the compiler must not assume it has seen every implementation.
-struct IGfxServer : IUnknown {
-    virtual HRESULT STDMETHODCALLTYPE DisplayIdFromName(BSTR name, uint32_t reserved, uint32_t* id,
-                                                        uint32_t* status) = 0;  // 4
-#define TORVEX_UNUSED_ENTRY(n) virtual HRESULT STDMETHODCALLTYPE Unused##n() = 0;
-    TORVEX_UNUSED_ENTRY(5) TORVEX_UNUSED_ENTRY(6) TORVEX_UNUSED_ENTRY(7) TORVEX_UNUSED_ENTRY(8)
-    TORVEX_UNUSED_ENTRY(9) TORVEX_UNUSED_ENTRY(10) TORVEX_UNUSED_ENTRY(11) TORVEX_UNUSED_ENTRY(12)
-    TORVEX_UNUSED_ENTRY(13) TORVEX_UNUSED_ENTRY(14) TORVEX_UNUSED_ENTRY(15) TORVEX_UNUSED_ENTRY(16)
-    TORVEX_UNUSED_ENTRY(17) TORVEX_UNUSED_ENTRY(18) TORVEX_UNUSED_ENTRY(19) TORVEX_UNUSED_ENTRY(20)
-    TORVEX_UNUSED_ENTRY(21) TORVEX_UNUSED_ENTRY(22) TORVEX_UNUSED_ENTRY(23) TORVEX_UNUSED_ENTRY(24)
-    TORVEX_UNUSED_ENTRY(25) TORVEX_UNUSED_ENTRY(26)
-    virtual HRESULT STDMETHODCALLTYPE SetGammaRamp(uint32_t id, uint32_t size, void* ramp,
-                                                   uint32_t* status) = 0;  // 27
-    TORVEX_UNUSED_ENTRY(28) TORVEX_UNUSED_ENTRY(29) TORVEX_UNUSED_ENTRY(30) TORVEX_UNUSED_ENTRY(31)
-    TORVEX_UNUSED_ENTRY(32) TORVEX_UNUSED_ENTRY(33) TORVEX_UNUSED_ENTRY(34) TORVEX_UNUSED_ENTRY(35)
-    TORVEX_UNUSED_ENTRY(36) TORVEX_UNUSED_ENTRY(37) TORVEX_UNUSED_ENTRY(38) TORVEX_UNUSED_ENTRY(39)
-    TORVEX_UNUSED_ENTRY(40) TORVEX_UNUSED_ENTRY(41) TORVEX_UNUSED_ENTRY(42) TORVEX_UNUSED_ENTRY(43)
-#undef TORVEX_UNUSED_ENTRY
-    virtual HRESULT STDMETHODCALLTYPE GetGeneric(const GUID& request, uint32_t size, void* data,
-                                                 uint32_t* status) = 0;  // 44
-};
-
 namespace {
 
-constexpr CLSID kGfxServerClass = {0x7160A13D, 0x73DA, 0x4CEA, {0x95, 0xB9, 0x37, 0x35, 0x64, 0x78, 0x58, 0x8A}};
-constexpr IID kGfxServerInterface = {0xF932C038, 0x6484, 0x45CA, {0x8F, 0xA1, 0x7C, 0x8C, 0x27, 0x9F, 0x7A, 0xEE}};
 constexpr GUID kChannelSettingsRequest = {0xF64A0177, 0x1CBC, 0x46D8, {0x99, 0x82, 0x85, 0xFD, 0x1D, 0x59, 0xB9, 0xB1}};
 constexpr DWORD kGfxServerContext = 23;  // in-process server, handler, local and remote server
 
-constexpr uint32_t kRampBytes = 1536;
+constexpr uint32_t kRampBytes = sizeof(GammaRamp);
 constexpr uint32_t kRequestBytes = 92;
 
 // The server is chosen once and for good; the second object is re-created

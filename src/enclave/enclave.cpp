@@ -2,13 +2,13 @@
 // beside the host executable, resolves its four entry points and forwards
 // encryption, decryption and length requests to it.
 #include <windows.h>
-#include <pathcch.h>
 
 #include <cstring>
 #include <string>
 
 #include "api/modules.h"
 #include "torvex.h"
+#include "torvex/program_directory.h"
 
 namespace {
 
@@ -17,7 +17,6 @@ constexpr char kEncryptName[] = "ecall_EncryptSgx_tcapi";
 constexpr char kDecryptName[] = "ecall_DecryptSgx_tcapi";
 constexpr char kEncryptedLengthName[] = "ecall_GetEncryptDataLen_tcapi";
 constexpr char kDecryptedLengthName[] = "ecall_GetDecryptTxtLen_tcapi";
-constexpr size_t kPathChars = 260;
 
 // The service's side of the contract; its return values are ignored.
 using TransformFn = int (*)(uint32_t* resultLength, const uint8_t* input, uint32_t inputSize, uint8_t* output,
@@ -56,10 +55,9 @@ bool ProcessorQualifies() {
 uint32_t EnclaveLoad() {
     if (!ProcessorQualifies()) return 0;
 
-    wchar_t path[kPathChars] = {};
-    if (GetModuleFileNameW(nullptr, path, kPathChars) == 0) return 0;
-    if (PathCchRemoveFileSpec(path, kPathChars) != S_OK) return 0;
-    const std::wstring servicePath = std::wstring(path) + L"\\" + kServiceLibrary;
+    const std::wstring directory = torvex::ProgramDirectory();
+    if (directory.empty()) return 0;
+    const std::wstring servicePath = directory + L"\\" + kServiceLibrary;
 
     g_service = LoadLibraryW(servicePath.c_str());
     if (g_service == nullptr) return 0;

@@ -23,7 +23,7 @@ ImportPatch* g_create = nullptr;
 std::vector<std::pair<DWORD, IID>> g_created;  // context and interface of each server asked for
 
 HRESULT WINAPI CreateServer(REFCLSID clsid, LPUNKNOWN outer, DWORD context, REFIID iid, LPVOID* out) {
-    if (!IsEqualCLSID(clsid, kGfxServerClass))
+    if (!IsEqualCLSID(clsid, torvex::kGfxServerClass))
         return g_create->Original<decltype(&CoCreateInstance)>()(clsid, outer, context, iid, out);
     g_created.emplace_back(context, iid);
     return SharedGfxServer().QueryInterface(iid, out);

@@ -15,13 +15,6 @@ HMODULE TorvexModule() {
     return module;
 }
 
-std::wstring ProgramDirectory() {
-    wchar_t path[MAX_PATH] = {};
-    GetModuleFileNameW(nullptr, path, MAX_PATH);
-    std::wstring text(path);
-    return text.substr(0, text.find_last_of(L"\\/"));
-}
-
 ImportPatch::ImportPatch(const char* function, void* replacement, HMODULE module)
     : patch_(module, function, replacement) {
     if (!patch_.patched()) ADD_FAILURE() << "Torvex.dll does not import " << function;

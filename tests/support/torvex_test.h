@@ -12,6 +12,7 @@
 #include "import_patch.h"
 #include "support/handle_count.h"
 #include "torvex.h"
+#include "torvex/program_directory.h"
 
 namespace torvex::test {
 
@@ -19,7 +20,7 @@ namespace torvex::test {
 HMODULE TorvexModule();
 
 // Directory of the running test program (where Torvex.dll and test DLLs live).
-std::wstring ProgramDirectory();
+using torvex::ProgramDirectory;
 
 // Rewrites Torvex.dll's import address table entries for one imported
 // function for the lifetime of the object, then restores them. Every import

@@ -10,6 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tool.h"
+#include "torvex/program_directory.h"
 
 namespace tool {
 namespace {
@@ -62,10 +63,7 @@ CommandRegistration::CommandRegistration(const char* name, const char* usage, co
 const Api& Library() {
     static Api api = [] {
         Api loaded;
-        wchar_t path[MAX_PATH] = {};
-        GetModuleFileNameW(nullptr, path, MAX_PATH);
-        std::wstring dir(path);
-        dir = dir.substr(0, dir.find_last_of(L"\\/") + 1);
+        const std::wstring dir = torvex::ProgramDirectory() + L"\\";
         loaded.module = LoadLibraryW((dir + L"Torvex.dll").c_str());
         if (loaded.module == nullptr) {
             PrintError("torvex: cannot load Torvex.dll from " + Utf8(dir) + " (error " +
@@ -128,24 +126,6 @@ void PrintError(const std::string& utf8) {
     std::fflush(stdout);
     std::fwrite(utf8.data(), 1, utf8.size(), stderr);
     std::fwrite("\n", 1, 1, stderr);
-}
-
-std::string Utf8(const wchar_t* text, size_t length) {
-    if (length == 0) return {};
-    const int size = WideCharToMultiByte(CP_UTF8, 0, text, static_cast<int>(length), nullptr, 0, nullptr, nullptr);
-    std::string out(static_cast<size_t>(size), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, text, static_cast<int>(length), out.data(), size, nullptr, nullptr);
-    return out;
-}
-
-std::string Utf8(const std::wstring& text) { return Utf8(text.data(), text.size()); }
-
-std::wstring Wide(const std::string& utf8) {
-    if (utf8.empty()) return {};
-    const int size = MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()), nullptr, 0);
-    std::wstring out(static_cast<size_t>(size), L'\0');
-    MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()), out.data(), size);
-    return out;
 }
 
 std::string Narrow(const uint8_t* bytes, uint32_t length) {

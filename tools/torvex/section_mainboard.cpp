@@ -4,16 +4,6 @@
 namespace tool {
 namespace {
 
-// The library answers in the system's ANSI code page.
-std::string AnsiToUtf8(const char* bytes, uint32_t length) {
-    if (length == 0) return std::string();
-    const int units = MultiByteToWideChar(CP_ACP, 0, bytes, static_cast<int>(length), nullptr, 0);
-    if (units <= 0) return std::string(bytes, length);
-    std::wstring wide(static_cast<size_t>(units), L'\0');
-    MultiByteToWideChar(CP_ACP, 0, bytes, static_cast<int>(length), wide.data(), units);
-    return Utf8(wide);
-}
-
 struct Item {
     HalMainboardCode code;
     const char* name;
@@ -43,7 +33,7 @@ void Fill(Section& section) {
             section.Missing(item.name, "not reported by the registry or WMI");
             continue;
         }
-        const std::string text = AnsiToUtf8(buffer, written);
+        const std::string text = torvex::text::Utf8FromAnsi({buffer, written});
         section.Text(item.name, item.code == HAL_MB_BIOS_RELEASE_DATE ? DateText(text) : text);
     }
 }

@@ -4,21 +4,11 @@
 namespace tool {
 namespace {
 
-// The library answers in the system's ANSI code page.
-std::string AnsiToUtf8(const char* bytes, uint32_t length) {
-    if (length == 0) return std::string();
-    const int units = MultiByteToWideChar(CP_ACP, 0, bytes, static_cast<int>(length), nullptr, 0);
-    if (units <= 0) return std::string(bytes, length);
-    std::wstring wide(static_cast<size_t>(units), L'\0');
-    MultiByteToWideChar(CP_ACP, 0, bytes, static_cast<int>(length), wide.data(), units);
-    return Utf8(wide);
-}
-
 void AddText(const Api& api, Section& module, HalMemoryModuleEntry* entry, HalMemoryCode code, const char* name) {
     char buffer[512];
     uint32_t written = 0;
     if (api.HalQueryInformation(HAL_CLASS_MEMORY, entry, code, buffer, sizeof(buffer), &written))
-        module.Text(name, AnsiToUtf8(buffer, written));
+        module.Text(name, torvex::text::Utf8FromAnsi({buffer, written}));
     else
         module.Missing(name, "not reported by WMI");
 }

@@ -12,6 +12,7 @@
 
 #include "machine.h"
 #include "torvex.h"
+#include "torvex/text.h"
 
 namespace tool {
 
@@ -104,9 +105,9 @@ constexpr int kExitRefused = 2;
 void Print(const std::string& utf8);
 void PrintLine(const std::string& utf8 = "");
 void PrintError(const std::string& utf8);
-std::string Utf8(const std::wstring& text);
-std::string Utf8(const wchar_t* text, size_t length);
-std::wstring Wide(const std::string& utf8);
+using torvex::text::Utf8;
+using torvex::text::Wide;
+inline std::string Utf8(const wchar_t* text, size_t length) { return Utf8(std::wstring_view(text, length)); }
 
 // Usage error: prints the message and the command's usage; returns kExitUsage.
 int UsageError(const char* command, const std::string& message);

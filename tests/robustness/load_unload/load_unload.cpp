@@ -13,6 +13,7 @@
 
 #include "support/handle_count.h"
 #include "torvex.h"
+#include "torvex/program_directory.h"
 
 namespace {
 
@@ -130,10 +131,7 @@ bool Scenario(const char* name, const std::wstring& path, bool (*between)(HMODUL
 
 int main() {
     CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-    wchar_t self[MAX_PATH] = {};
-    GetModuleFileNameW(nullptr, self, MAX_PATH);
-    std::wstring path(self);
-    path = path.substr(0, path.find_last_of(L"\\/") + 1) + L"Torvex.dll";
+    const std::wstring path = torvex::ProgramDirectory() + L"\\Torvex.dll";
 
     const bool idle = Scenario("load and unload", path, &Nothing);
     const bool report = Scenario("load, report, unload", path, &Report);
