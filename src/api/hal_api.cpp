@@ -2,43 +2,17 @@
 // Each export checks what the frame owns and forwards to the class's module.
 #include "torvex.h"
 
-#include <windows.h>
-
 #include <array>
-#include <cstdlib>
 
-#include "api/modules.h"
+#include "devices/audio.h"
+#include "devices/disk.h"
+#include "display/display_color.h"
+#include "enclave/enclave.h"
+#include "wifi/wifi.h"
 
 namespace {
 
 constexpr uint32_t kHighestClass = 20;
-
-// Frame-level view of a disk slot (HalDiskRecord).
-HANDLE& DiskHandle(void* record) { return static_cast<HalDiskRecord*>(record)->handle; }
-
-// Moves the file pointer to the HalDiskOffset position. The high word is
-// written back by SetFilePointer. A returned 0xFFFFFFFF is taken as failure
-// without asking GetLastError, so a position whose low word is 0xFFFFFFFF
-// fails too; hosts rely on exactly this rule.
-bool SeekDisk(HANDLE handle, uint32_t* offset) {
-    auto* position = reinterpret_cast<HalDiskOffset*>(offset);
-    return SetFilePointer(handle, position->low, reinterpret_cast<PLONG>(&position->high), FILE_BEGIN) !=
-           INVALID_SET_FILE_POINTER;
-}
-
-uint32_t InitDiskList(void** out) {
-    const uint32_t count = GetPhysicalDiskCount();
-    if (count == 0) return 0;
-    const uint64_t size = 16ull * count + 8;
-    if (size > 0xFFFFFFFFull) return 0;
-    auto* list = static_cast<HalDiskList*>(std::malloc(static_cast<size_t>(size)));
-    *out = list;  // stored at once, a failed allocation too
-    if (list == nullptr) return 0;
-    list->size = static_cast<uint32_t>(size);
-    list->count = count;
-    for (uint32_t i = 0; i < count; ++i) list->records[i].driveNumber = i;
-    return 1;
-}
 
 // Query dispatch: classes without a device get (code, buffer, size, returned),
 // classes with one get the device first.
@@ -99,7 +73,7 @@ uint32_t HalInit(HalDeviceType type, void** out) {
     case HAL_CLASS_WIFI: result = WifiInit(out); break;
     case HAL_CLASS_AUDIO: result = AudioInit(out); break;
     case HAL_CLASS_GPU: result = GpInit(out); break;
-    case HAL_CLASS_DISK: result = InitDiskList(out); break;
+    case HAL_CLASS_DISK: result = DiskInit(out); break;
     case HAL_CLASS_MEMORY: result = MmInit(out); break;
     case HAL_CLASS_DISPLAY: result = DisplayColorInit(out); break;
     case HAL_CLASS_DRIVER: result = DeviceDriverInit(out); break;
@@ -119,12 +93,8 @@ uint32_t HalCloseDevice(HalDeviceType type, void* device) {
         return WifiClose(device);
     case HAL_CLASS_AUDIO:
         return AudioClose();
-    case HAL_CLASS_DISK: {
-        if (device == nullptr || DiskHandle(device) == nullptr) return 0;
-        const BOOL closed = CloseHandle(DiskHandle(device));
-        DiskHandle(device) = nullptr;
-        return static_cast<uint32_t>(closed);
-    }
+    case HAL_CLASS_DISK:
+        return DiskClose(device);
     default:
         return 0;
     }
@@ -132,24 +102,12 @@ uint32_t HalCloseDevice(HalDeviceType type, void* device) {
 
 uint32_t HalRead(HalDeviceType type, void* device, uint32_t* offset, void* buffer, uint32_t size,
                  uint32_t* bytesRead) {
-    if (type != HAL_CLASS_DISK || device == nullptr || offset == nullptr || buffer == nullptr ||
-        bytesRead == nullptr || DiskHandle(device) == nullptr)
-        return 0;
-    HANDLE handle = DiskHandle(device);
-    if (!SeekDisk(handle, offset)) return 0;
-    return static_cast<uint32_t>(ReadFile(handle, buffer, size, reinterpret_cast<DWORD*>(bytesRead), nullptr));
+    return type == HAL_CLASS_DISK ? DiskRead(device, offset, buffer, size, bytesRead) : 0;
 }
 
 uint32_t HalWrite(HalDeviceType type, void* device, uint32_t* offset, const void* buffer, uint32_t size,
                   uint32_t* bytesWritten) {
-    if (type != HAL_CLASS_DISK || device == nullptr || DiskHandle(device) == nullptr) return 0;
-    HANDLE handle = DiskHandle(device);
-    if (offset != nullptr && !SeekDisk(handle, offset)) return 0;
-    // The count location is not the library's to check; a missing one gets a
-    // scratch word so that the write cannot fault.
-    DWORD scratch = 0;
-    DWORD* written = bytesWritten != nullptr ? reinterpret_cast<DWORD*>(bytesWritten) : &scratch;
-    return static_cast<uint32_t>(WriteFile(handle, buffer, size, written, nullptr));
+    return type == HAL_CLASS_DISK ? DiskWrite(device, offset, buffer, size, bytesWritten) : 0;
 }
 
 uint32_t HalQueryInformation(HalDeviceType type, void* device, uint32_t code, void* buffer, uint32_t size,

@@ -7,9 +7,11 @@
 #include <windows.h>
 #include <oleauto.h>
 #include <setupapi.h>
+#include <wlanapi.h>
 
-#include <cstdlib>
 #include <memory>
+#include <string>
+#include <string_view>
 #include <utility>
 
 #include "torvex/com_ptr.h"  // ComPtr, shared with the simulation layer and the tool
@@ -52,58 +54,44 @@ private:
     T value_;
 };
 
-// Kernel object handle whose failure value is null (mutexes, events, ...).
-struct KernelHandleTraits {
-    static HANDLE Empty() { return nullptr; }
-    static bool Valid(HANDLE h) { return h != nullptr && h != INVALID_HANDLE_VALUE; }
-    static void Release(HANDLE h) { ::CloseHandle(h); }
+// Traits from a release function: null is empty, and so is
+// INVALID_HANDLE_VALUE, which file opens and device sets report on failure
+// (the value those two owners start from); an empty value is never released.
+template <typename T, void (*Free)(T), bool kStartsInvalid = false>
+struct Releasing {
+    static T Empty() { return kStartsInvalid ? reinterpret_cast<T>(INVALID_HANDLE_VALUE) : nullptr; }
+    static bool Valid(T value) { return value != nullptr && value != reinterpret_cast<T>(INVALID_HANDLE_VALUE); }
+    static void Release(T value) { Free(value); }
 };
-using KernelHandle = UniqueResource<HANDLE, KernelHandleTraits>;
 
-// File or device handle whose failure value is INVALID_HANDLE_VALUE.
-struct FileHandleTraits {
-    static HANDLE Empty() { return INVALID_HANDLE_VALUE; }
-    static bool Valid(HANDLE h) { return h != nullptr && h != INVALID_HANDLE_VALUE; }
-    static void Release(HANDLE h) { ::CloseHandle(h); }
-};
-using FileHandle = UniqueResource<HANDLE, FileHandleTraits>;
+inline void CloseKernelObject(HANDLE handle) { ::CloseHandle(handle); }
+inline void CloseKey(HKEY key) { ::RegCloseKey(key); }
+inline void DestroyDeviceSet(HDEVINFO set) { ::SetupDiDestroyDeviceInfoList(set); }
+inline void UnloadLibrary(HMODULE module) { ::FreeLibrary(module); }
+template <typename T>
+void FreeLocal(T* memory) { ::LocalFree(memory); }
+inline void CloseWlanClient(HANDLE client) { ::WlanCloseHandle(client, nullptr); }
+inline void FreeWlanMemory(void* memory) { ::WlanFreeMemory(memory); }
+inline void FreeBstr(BSTR text) { ::SysFreeString(text); }
+inline void DestroySafeArray(SAFEARRAY* array) { ::SafeArrayDestroy(array); }
 
-struct RegKeyTraits {
-    static HKEY Empty() { return nullptr; }
-    static bool Valid(HKEY k) { return k != nullptr; }
-    static void Release(HKEY k) { ::RegCloseKey(k); }
-};
-using RegKey = UniqueResource<HKEY, RegKeyTraits>;
-
-struct DevInfoSetTraits {
-    static HDEVINFO Empty() { return INVALID_HANDLE_VALUE; }
-    static bool Valid(HDEVINFO h) { return h != nullptr && h != INVALID_HANDLE_VALUE; }
-    static void Release(HDEVINFO h) { ::SetupDiDestroyDeviceInfoList(h); }
-};
-using DevInfoSet = UniqueResource<HDEVINFO, DevInfoSetTraits>;
-
-struct LibraryTraits {
-    static HMODULE Empty() { return nullptr; }
-    static bool Valid(HMODULE m) { return m != nullptr; }
-    static void Release(HMODULE m) { ::FreeLibrary(m); }
-};
-using Library = UniqueResource<HMODULE, LibraryTraits>;
-
-struct LocalMemoryTraits {
-    static HLOCAL Empty() { return nullptr; }
-    static bool Valid(HLOCAL p) { return p != nullptr; }
-    static void Release(HLOCAL p) { ::LocalFree(p); }
-};
-using LocalMemory = UniqueResource<HLOCAL, LocalMemoryTraits>;
-
-struct BstrTraits {
-    static BSTR Empty() { return nullptr; }
-    static bool Valid(BSTR b) { return b != nullptr; }
-    static void Release(BSTR b) { ::SysFreeString(b); }
-};
-using Bstr = UniqueResource<BSTR, BstrTraits>;
+using KernelHandle = UniqueResource<HANDLE, Releasing<HANDLE, CloseKernelObject>>;  // mutexes, events, ...
+using FileHandle = UniqueResource<HANDLE, Releasing<HANDLE, CloseKernelObject, true>>;  // files and devices
+using RegKey = UniqueResource<HKEY, Releasing<HKEY, CloseKey>>;
+using DevInfoSet = UniqueResource<HDEVINFO, Releasing<HDEVINFO, DestroyDeviceSet, true>>;
+using Library = UniqueResource<HMODULE, Releasing<HMODULE, UnloadLibrary>>;
+// Memory the caller releases with LocalFree: a LocalAlloc block, the power scheme PowerGetActiveScheme allocates.
+template <typename T>
+using LocalPointer = UniqueResource<T*, Releasing<T*, FreeLocal<T>>>;
+using LocalMemory = LocalPointer<void>;
+using WlanClient = UniqueResource<HANDLE, Releasing<HANDLE, CloseWlanClient>>;  // Native Wifi
+using WlanMemory = UniqueResource<void*, Releasing<void*, FreeWlanMemory>>;
+using Bstr = UniqueResource<BSTR, Releasing<BSTR, FreeBstr>>;
+using SafeArray = UniqueResource<SAFEARRAY*, Releasing<SAFEARRAY*, DestroySafeArray>>;
 
 inline Bstr MakeBstr(const wchar_t* text) { return Bstr(::SysAllocString(text)); }
+// From a view: the text up to its first NUL, as from a string's c_str().
+inline Bstr MakeBstr(std::wstring_view text) { return MakeBstr(std::wstring(text).c_str()); }
 
 // VARIANT that is cleared when it goes out of scope.
 class Variant {
@@ -121,7 +109,6 @@ public:
     VARIANT* get() noexcept { return &value_; }
     const VARIANT* get() const noexcept { return &value_; }
     VARIANT* operator->() noexcept { return &value_; }
-    void clear() noexcept { ::VariantClear(&value_); }
 
 private:
     VARIANT value_;
@@ -150,18 +137,38 @@ private:
     void* data_ = nullptr;
 };
 
-struct SafeArrayTraits {
-    static SAFEARRAY* Empty() { return nullptr; }
-    static bool Valid(SAFEARRAY* a) { return a != nullptr; }
-    static void Release(SAFEARRAY* a) { ::SafeArrayDestroy(a); }
-};
-using SafeArray = UniqueResource<SAFEARRAY*, SafeArrayTraits>;
 
-// Memory from malloc: records the library hands out, and blocks a vendor
-// library allocates through the allocator the library gave it.
-struct MallocFree {
-    void operator()(void* p) const { std::free(p); }
+// COM on this thread, multithreaded, for one scope: S_OK and S_FALSE owe a
+// CoUninitialize; RPC_E_CHANGED_MODE (the thread runs the other model) is
+// usable and owes none; any other failure is not usable; an unexpected
+// success code owes its CoUninitialize but is not usable.
+class ApartmentScope {
+public:
+    ApartmentScope() noexcept {
+        const HRESULT hr = ::CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+        usable_ = hr == S_OK || hr == S_FALSE || hr == RPC_E_CHANGED_MODE;
+        owed_ = SUCCEEDED(hr);
+    }
+    ~ApartmentScope() {
+        if (owed_) ::CoUninitialize();
+    }
+    ApartmentScope(const ApartmentScope&) = delete;
+    ApartmentScope& operator=(const ApartmentScope&) = delete;
+    bool usable() const noexcept { return usable_; }
+    // Hands the CoUninitialize owed to the caller; true when one was owed.
+    bool release() noexcept { return std::exchange(owed_, false); }
+
+private:
+    bool usable_ = false;
+    bool owed_ = false;
 };
-using MallocBlock = std::unique_ptr<void, MallocFree>;
+
+// A block from the record heap (codec.h) that the library frees itself: the
+// adapter list display colour builds from, blocks a vendor library allocated
+// through the allocator the library gave it.
+struct RecordFree {
+    void operator()(void* record) const;
+};
+using RecordBlock = std::unique_ptr<void, RecordFree>;
 
 }  // namespace torvex

@@ -5,13 +5,13 @@
 #include <mmdeviceapi.h>
 #include <objbase.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
-#include "api/modules.h"
+#include "common/codec.h"
 #include "common/win_resource.h"
+#include "devices/audio.h"
 #include "devices/audio_volume.h"
 #include "devices/device_property_keys.h"
 #include "torvex.h"
@@ -25,13 +25,6 @@ constexpr CLSID kClsidDeviceEnumerator = {0xBCDE0395, 0xE52F, 0x467C, {0x8E, 0x3
 constexpr IID kIidDeviceEnumerator = {0xA95664D2, 0x9614, 0x4F35, {0xA7, 0x46, 0xDE, 0x8D, 0xB6, 0x36, 0x17, 0xE6}};
 constexpr IID kIidEndpointVolume = {0x5CDF2C82, 0x841E, 0x4546, {0x97, 0x22, 0x0C, 0xF7, 0x40, 0x78, 0x22, 0x9A}};
 
-constexpr uint32_t kSpeakerSelector = 1;
-constexpr uint32_t kMicrophoneSelector = 0;
-constexpr size_t kMaxCodecs = 0x0FFFFFFF;
-constexpr uint32_t kRecordSize = 16;
-constexpr uint32_t kIndexOffset = 8;
-constexpr size_t kMaxTextChars = 0x7FFFFFFF;
-constexpr uint32_t kVolumeInputSize = 8;  // i32 value, u8 mode, padding
 
 // One flow's process-wide state. The pointers live from acquisition until
 // AudioClose, across calls, so they are held raw here rather than in an owner
@@ -77,17 +70,7 @@ void RefreshEndpoint(Flow& flow, EDataFlow dataFlow) {
         flow.volume = acquired;  // the earlier interface is replaced without a release, as hosts expect
 }
 
-uint32_t RecordIndex(void* record) {
-    uint32_t index = 0;
-    std::memcpy(&index, static_cast<uint8_t*>(record) + kIndexOffset, sizeof(index));
-    return index;
-}
-
-uint32_t PutU32(void* out, uint32_t value, uint32_t* written) {
-    std::memcpy(out, &value, sizeof(value));
-    *written = sizeof(value);
-    return 1;
-}
+uint32_t RecordIndex(void* record) { return static_cast<const HalAudioDeviceRecord*>(record)->index; }
 
 // Codes 1, 2 and 7: UTF-16 text of codec i without a terminator.
 uint32_t QueryCodecText(void* record, EnumDeviceProperty property, void* out, uint32_t outSize, uint32_t* written) {
@@ -97,19 +80,14 @@ uint32_t QueryCodecText(void* record, EnumDeviceProperty property, void* out, ui
     if (index >= codecs.size()) return 0;
     DeviceInformention info;
     const std::wstring text = info.GetDeviceStrInfoByHardwareId(codecs[index], torvex::devkeys::kMediaClass, property);
-    if (text.size() > kMaxTextChars) return 0;
-    const size_t bytes = text.size() * sizeof(wchar_t);
-    if (bytes > outSize) return 0;
-    if (bytes != 0) std::memcpy(out, text.data(), bytes);
-    *written = static_cast<uint32_t>(bytes);
-    return 1;
+    return torvex::PutWideText(text, out, outSize, written, torvex::Room::Text);
 }
 
 uint32_t QueryVolume(void* out, uint32_t outSize, uint32_t* written) {
     if (outSize < sizeof(uint32_t) || out == nullptr || written == nullptr || g_speaker.volume == nullptr) return 0;
     float scalar = 0.0f;
     if (FAILED(g_speaker.volume->GetMasterVolumeLevelScalar(&scalar))) return 0;
-    return PutU32(out, volume::PercentFromScalar(scalar), written);
+    return torvex::PutValue(out, written, volume::PercentFromScalar(scalar));
 }
 
 // Codes 4 and 5 check the pointers only, not the size, as hosts know them.
@@ -118,7 +96,7 @@ uint32_t QueryMute(const Flow& flow, void* out, uint32_t* written) {
     BOOL muted = FALSE;
     if (FAILED(flow.volume->GetMute(&muted))) return 0;
     if (out == nullptr || written == nullptr) return 0;
-    return PutU32(out, static_cast<uint32_t>(muted), written);
+    return torvex::PutValue(out, written, static_cast<uint32_t>(muted));
 }
 
 uint32_t QueryCount(void* out, uint32_t outSize, uint32_t* written) {
@@ -127,7 +105,7 @@ uint32_t QueryCount(void* out, uint32_t outSize, uint32_t* written) {
     if (count == 0 || outSize < sizeof(uint32_t)) return 0;
     // The count goes out as 8 bytes while 4 bytes of room suffice and 4 are
     // reported; kept on purpose, hosts rely on it.
-    std::memcpy(out, &count, sizeof(count));
+    torvex::PutValue(out, written, count, torvex::Written::Untouched);
     *written = sizeof(uint32_t);
     return 1;
 }
@@ -138,10 +116,9 @@ uint32_t QueryProblemCode(void* record, void* out, uint32_t outSize, uint32_t* w
     const uint32_t index = RecordIndex(record);
     if (index >= codecs.size()) return 0;
     DeviceInformention info;
-    return PutU32(out,
-                  info.GetDeviceULONGInfoByHardwareId(codecs[index], torvex::devkeys::kMediaClass,
-                                                      EnumDeviceProperty::ProblemCode),
-                  written);
+    return torvex::PutValue(out, written,
+                            info.GetDeviceULONGInfoByHardwareId(codecs[index], torvex::devkeys::kMediaClass,
+                                                                EnumDeviceProperty::ProblemCode));
 }
 
 // Codes 4 and 5: the current state is read first (query codes 4 and 5).
@@ -157,17 +134,15 @@ uint32_t SetMute(Flow& flow, const void* in, uint32_t inSize) {
 }
 
 uint32_t SetVolume(const void* in, uint32_t inSize) {
-    if (inSize < kVolumeInputSize || in == nullptr) return 0;
-    int32_t value = 0;
-    uint8_t mode = 0;
-    std::memcpy(&value, in, sizeof(value));
-    std::memcpy(&mode, static_cast<const uint8_t*>(in) + 4, sizeof(mode));
+    if (inSize < sizeof(HalAudioVolumeRequest) || in == nullptr) return 0;
+    HalAudioVolumeRequest request;
+    std::memcpy(&request, in, sizeof(request));
     uint32_t current = 0;
-    if (mode == volume::kRelativeMode) {
+    if (request.mode == volume::kRelativeMode) {
         uint32_t written = 0;
         if (QueryVolume(&current, sizeof(current), &written) == 0) return 0;
     }
-    const int32_t target = volume::TargetPercent(current, value, mode);
+    const int32_t target = volume::TargetPercent(current, request.value, request.mode);
     if (g_speaker.volume == nullptr) return 0;
     return SUCCEEDED(g_speaker.volume->SetMasterVolumeLevelScalar(volume::ScalarFromPercent(target),
                                                                   &g_speaker.eventContext))
@@ -192,19 +167,14 @@ void CloseFlow(Flow& flow) {
 uint32_t AudioInit(void** out) {
     try {
         const size_t count = CodecHardwareIds().size();
-        if (out == nullptr || count == 0 || count > kMaxCodecs) return 0;
+        if (out == nullptr || count == 0 || !torvex::FitsSizeField(torvex::ListBytes<HalAudioDeviceList>(count)))
+            return 0;
         RefreshEndpoint(g_speaker, eRender);
         RefreshEndpoint(g_microphone, eCapture);
-        const uint64_t recordBytes = uint64_t{kRecordSize} * count;
-        if (recordBytes >= 0xFFFFFFF8ull) return 0;
-        const uint32_t size = static_cast<uint32_t>(recordBytes + sizeof(HalListHeader));
-        auto* list = static_cast<uint8_t*>(std::malloc(size));
+        auto* list = torvex::NewList<HalAudioDeviceList>(count);
         *out = list;
         if (list == nullptr) return 0;
-        const HalListHeader header{size, static_cast<uint32_t>(count)};
-        std::memcpy(list, &header, sizeof(header));
-        for (uint32_t i = 0; i < count; ++i)
-            std::memcpy(list + sizeof(header) + kRecordSize * i + kIndexOffset, &i, sizeof(i));
+        for (uint32_t i = 0; i < count; ++i) list->records[i].index = i;
         return 1;
     } catch (...) {
         return 0;
@@ -214,14 +184,17 @@ uint32_t AudioInit(void** out) {
 uint32_t AudioQueryInformation(void* record, uint32_t code, void* buffer, uint32_t size, uint32_t* returned) {
     try {
         switch (code) {
-        case 0: return QueryCount(buffer, size, returned);
-        case 1: return QueryCodecText(record, EnumDeviceProperty::DeviceDesc, buffer, size, returned);
-        case 2: return QueryCodecText(record, EnumDeviceProperty::Manufacturer, buffer, size, returned);
-        case 3: return QueryVolume(buffer, size, returned);
-        case 4: return QueryMute(g_speaker, buffer, returned);
-        case 5: return QueryMute(g_microphone, buffer, returned);
-        case 6: return QueryProblemCode(record, buffer, size, returned);
-        case 7: return QueryCodecText(record, EnumDeviceProperty::DriverVersion, buffer, size, returned);
+        case HAL_AUDIO_CODEC_COUNT: return QueryCount(buffer, size, returned);
+        case HAL_AUDIO_DESCRIPTION:
+            return QueryCodecText(record, EnumDeviceProperty::DeviceDesc, buffer, size, returned);
+        case HAL_AUDIO_MANUFACTURER:
+            return QueryCodecText(record, EnumDeviceProperty::Manufacturer, buffer, size, returned);
+        case HAL_AUDIO_SPEAKER_VOLUME: return QueryVolume(buffer, size, returned);
+        case HAL_AUDIO_SPEAKER_MUTE: return QueryMute(g_speaker, buffer, returned);
+        case HAL_AUDIO_MICROPHONE_MUTE: return QueryMute(g_microphone, buffer, returned);
+        case HAL_AUDIO_PROBLEM_CODE: return QueryProblemCode(record, buffer, size, returned);
+        case HAL_AUDIO_DRIVER_VERSION:
+            return QueryCodecText(record, EnumDeviceProperty::DriverVersion, buffer, size, returned);
         default: return 0;
         }
     } catch (...) {
@@ -231,16 +204,16 @@ uint32_t AudioQueryInformation(void* record, uint32_t code, void* buffer, uint32
 
 uint32_t AudioSetInformation(void*, uint32_t code, const void* buffer, uint32_t size) {
     switch (code) {
-    case 3: return SetVolume(buffer, size);
-    case 4: return SetMute(g_speaker, buffer, size);
-    case 5: return SetMute(g_microphone, buffer, size);
+    case HAL_AUDIO_SPEAKER_VOLUME: return SetVolume(buffer, size);
+    case HAL_AUDIO_SPEAKER_MUTE: return SetMute(g_speaker, buffer, size);
+    case HAL_AUDIO_MICROPHONE_MUTE: return SetMute(g_microphone, buffer, size);
     default: return 0;
     }
 }
 
 uint32_t AudioSetCallback(uint32_t which, void* callback) {
     if (callback == nullptr) return 0;
-    Flow* flow = which == kSpeakerSelector ? &g_speaker : which == kMicrophoneSelector ? &g_microphone : nullptr;
+    Flow* flow = which == HAL_AUDIO_SPEAKER ? &g_speaker : which == HAL_AUDIO_MICROPHONE ? &g_microphone : nullptr;
     if (flow == nullptr) return 1;  // an unknown selector reports success on purpose
     // Stored without a reference of its own: the host hands one over, and
     // AudioClose releases it. A later callback replaces this pointer without

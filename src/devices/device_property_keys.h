@@ -42,8 +42,4 @@ constexpr DEVPROPKEY kBySelector[14] = {kDeviceDesc,    kManufacturer,   kDriver
 // Setup class of sound, video and game controllers.
 constexpr GUID kMediaClass = {0x4D36E96C, 0xE325, 0x11CE, {0xBF, 0xC1, 0x08, 0x00, 0x2B, 0xE1, 0x03, 0x18}};
 
-inline bool SameKey(const DEVPROPKEY& a, const DEVPROPKEY& b) {
-    return a.pid == b.pid && IsEqualGUID(a.fmtid, b.fmtid);
-}
-
 }  // namespace torvex::devkeys

@@ -5,23 +5,25 @@
 #include <winioctl.h>
 
 #include <array>
-#include <cstring>
+#include <optional>
 #include <string>
 
-#include "api/modules.h"
+#include "common/codec.h"
 #include "common/win_resource.h"
+#include "devices/disk.h"
 #include "torvex.h"
+#include "wmi/wmi.h"
 
 namespace {
 
-constexpr wchar_t kCimv2[] = L"ROOT\\CIMV2";
-constexpr wchar_t kStorage[] = L"ROOT\\Microsoft\\Windows\\Storage";
+using torvex::wmi::Session;
+
 constexpr DWORD kShareReadWrite = FILE_SHARE_READ | FILE_SHARE_WRITE;
 constexpr DWORD kDiskDeviceType = 7;  // FILE_DEVICE_DISK
 constexpr uint32_t kSolidStateMediaType = 4;
-constexpr uint32_t kHighestCode = 11;
 
 HalDiskRecord* AsRecord(void* record) { return static_cast<HalDiskRecord*>(record); }
+HANDLE& DiskHandle(void* record) { return AsRecord(record)->handle; }
 
 std::wstring DriveNumber(void* record) { return std::to_wstring(AsRecord(record)->driveNumber); }
 
@@ -54,22 +56,13 @@ std::wstring TrimLeadingSpaces(const std::wstring& text) {
     return first == std::wstring::npos ? text : text.substr(first);
 }
 
-uint32_t CopyText(const std::wstring& text, void* out, uint32_t outSize, uint32_t* written) {
-    const size_t length = wcsnlen(text.c_str(), text.size());
-    if (length >= 0x80000000u) return 0;
-    const size_t bytes = length * sizeof(wchar_t);
-    if (bytes > outSize) return 0;
-    std::memcpy(out, text.data(), bytes);
-    *written = static_cast<uint32_t>(bytes);
-    return 1;
-}
-
 uint32_t QueryText(void* record, const TextFact& fact, void* out, uint32_t outSize, uint32_t* written) {
-    HalWmi wmi(kCimv2);
-    std::wstring text = wmi.SelectStr(fact.queryPrefix + DriveNumber(record) + L"'", fact.property);
+    std::wstring text = Session(torvex::wmi::kCimv2)
+                            .First<std::wstring>(fact.queryPrefix + DriveNumber(record) + L"'", fact.property)
+                            .value_or(std::wstring());
     if (fact.trimLeadingSpaces) text = TrimLeadingSpaces(text);
     if (fact.emptyFails && text.empty()) return 0;
-    return CopyText(text, out, outSize, written);
+    return torvex::PutWideText(text, out, outSize, written, torvex::Room::Text);
 }
 
 // Bytes of a geometry: Cylinders x TracksPerCylinder x SectorsPerTrack x
@@ -96,9 +89,7 @@ uint32_t QueryCapacity(void* record, uint32_t code, void* out, uint32_t outSize,
     const uint64_t value = code == HAL_DISK_CAPACITY_MIB  ? bytes >> 20
                            : code == HAL_DISK_CAPACITY_GB ? bytes / 1000000000ull
                                                           : bytes / 1000000ull;
-    std::memcpy(out, &value, sizeof(value));
-    *written = sizeof(value);
-    return 1;
+    return torvex::PutValue(out, written, value);
 }
 
 uint64_t VolumeFreeMiB(char letter) {
@@ -118,16 +109,16 @@ uint64_t SumVolumesFreeMiB(uint32_t driveNumber, FreeSpaceVariant variant) {
     uint64_t total = 0;
     for (char letter = 'A'; letter <= 'Z'; ++letter) {
         const char path[] = {'\\', '\\', '.', '\\', letter, ':', '\0'};
-        HANDLE volume = CreateFileA(path, 0, kShareReadWrite, nullptr, OPEN_EXISTING, 0, nullptr);
-        if (volume == INVALID_HANDLE_VALUE) {
-            if (variant == FreeSpaceVariant::First) CloseHandle(volume);
+        torvex::FileHandle volume(CreateFileA(path, 0, kShareReadWrite, nullptr, OPEN_EXISTING, 0, nullptr));
+        if (volume.get() == INVALID_HANDLE_VALUE) {
+            if (variant == FreeSpaceVariant::First) CloseHandle(volume.get());
             continue;
         }
         STORAGE_DEVICE_NUMBER number{};
         DWORD returned = 0;
-        const BOOL result = DeviceIoControl(volume, IOCTL_STORAGE_GET_DEVICE_NUMBER, nullptr, 0, &number,
+        const BOOL result = DeviceIoControl(volume.get(), IOCTL_STORAGE_GET_DEVICE_NUMBER, nullptr, 0, &number,
                                             sizeof(number), &returned, nullptr);
-        CloseHandle(volume);
+        volume.reset();
         const bool answered = variant == FreeSpaceVariant::First ? result == 1 : result != 0;
         if (answered && number.DeviceNumber == driveNumber && number.DeviceType == kDiskDeviceType)
             total += VolumeFreeMiB(letter);
@@ -139,9 +130,7 @@ uint32_t QueryFreeSpace(void* record, uint32_t code, void* out, uint32_t outSize
     if (outSize < sizeof(uint64_t)) return 0;
     const uint64_t total = SumVolumesFreeMiB(
         AsRecord(record)->driveNumber, code == HAL_DISK_FREE_MIB ? FreeSpaceVariant::First : FreeSpaceVariant::Second);
-    std::memcpy(out, &total, sizeof(total));
-    *written = sizeof(total);
-    return 1;
+    return torvex::PutValue(out, written, total);
 }
 
 uint32_t QueryTrim(void* record, void* out, uint32_t outSize, uint32_t* written) {
@@ -156,31 +145,33 @@ uint32_t QueryTrim(void* record, void* out, uint32_t outSize, uint32_t* written)
                          sizeof(descriptor), &returned, nullptr) ||
         returned != sizeof(descriptor))
         return 0;
-    const uint32_t value = descriptor.TrimEnabled == 1 ? 1 : 0;
-    std::memcpy(out, &value, sizeof(value));
-    *written = sizeof(value);
-    return 1;
+    return torvex::PutValue(out, written, uint32_t{descriptor.TrimEnabled == 1 ? 1u : 0u});
 }
 
 // Solid-state per the storage WMI. `written` is deliberately left as it was.
-uint32_t QuerySolidState(void* record, void* out, uint32_t outSize) {
+uint32_t QuerySolidState(void* record, void* out, uint32_t outSize, uint32_t* written) {
     if (outSize < sizeof(uint32_t)) return 0;
-    HalWmi wmi(kStorage);
-    const uint32_t mediaType =
-        wmi.SelectUInt(L"SELECT * FROM MSFT_PhysicalDisk where DeviceID = '" + DriveNumber(record) + L"'",
-                       L"MediaType");
-    const uint32_t value = mediaType == kSolidStateMediaType ? 1 : 0;
-    std::memcpy(out, &value, sizeof(value));
-    return 1;
+    const std::optional<uint32_t> mediaType = Session(torvex::wmi::kStorage).Number(
+        L"SELECT * FROM MSFT_PhysicalDisk where DeviceID = '" + DriveNumber(record) + L"'", L"MediaType");
+    return torvex::PutValue(out, written, uint32_t{mediaType == kSolidStateMediaType ? 1u : 0u},
+                             torvex::Written::Untouched);
 }
 
 uint32_t QueryCount(void* out, uint32_t outSize, uint32_t* written) {
     if (out == nullptr || written == nullptr || outSize < sizeof(uint32_t)) return 0;
     const uint32_t count = GetPhysicalDiskCount();
     if (count == 0) return 0;
-    std::memcpy(out, &count, sizeof(count));
-    *written = sizeof(count);
-    return 1;
+    return torvex::PutValue(out, written, count);
+}
+
+// Moves the file pointer to the HalDiskOffset position. The high word is
+// written back by SetFilePointer. A returned 0xFFFFFFFF is taken as failure
+// without asking GetLastError, so a position whose low word is 0xFFFFFFFF
+// fails too; hosts rely on exactly this rule.
+bool SeekDisk(HANDLE handle, uint32_t* offset) {
+    auto* position = reinterpret_cast<HalDiskOffset*>(offset);
+    return SetFilePointer(handle, position->low, reinterpret_cast<PLONG>(&position->high), FILE_BEGIN) !=
+           INVALID_SET_FILE_POINTER;
 }
 
 }  // namespace
@@ -190,24 +181,20 @@ static_assert(sizeof(STORAGE_DEVICE_NUMBER) == 12, "device number as the platfor
 static_assert(sizeof(STORAGE_PROPERTY_QUERY) == 12, "property query as the platform's");
 static_assert(sizeof(DEVICE_TRIM_DESCRIPTOR) == 12, "trim descriptor as the platform's");
 
-// Segments of the drive names joined by ";": an empty text counts 0, a
-// trailing separator adds nothing, an empty segment between two separators
-// counts as a drive.
-static uint32_t CountDriveNames(const std::wstring& names) {
-    uint32_t count = 0;
-    size_t start = 0;
-    while (start < names.size()) {
-        const size_t separator = names.find(L';', start);
-        ++count;
-        if (separator == std::wstring::npos || separator == names.size() - 1) break;
-        start = separator + 1;
-    }
-    return count;
+// The drive names cut at ";" (see Session::List): an empty segment between
+// two separators counts as a drive.
+uint32_t GetPhysicalDiskCount() {
+    return static_cast<uint32_t>(Session(torvex::wmi::kCimv2).List(L"SELECT Name FROM Win32_DiskDrive", L"Name").size());
 }
 
-uint32_t GetPhysicalDiskCount() {
-    HalWmi wmi(kCimv2);
-    return CountDriveNames(wmi.SelectStrB(L"SELECT Name FROM Win32_DiskDrive", L"Name"));
+uint32_t DiskInit(void** out) {
+    const uint32_t count = GetPhysicalDiskCount();
+    if (count == 0 || !torvex::FitsSizeField(torvex::ListBytes<HalDiskList>(count))) return 0;
+    auto* list = torvex::NewList<HalDiskList>(count);
+    *out = list;  // stored at once, a failed allocation too
+    if (list == nullptr) return 0;
+    for (uint32_t i = 0; i < count; ++i) list->records[i].driveNumber = i;
+    return 1;
 }
 
 uint32_t DiskOpen(void* record) {
@@ -216,12 +203,39 @@ uint32_t DiskOpen(void* record) {
     // Desired access 0: a query handle is enough for the geometry and property requests.
     HANDLE handle = CreateFileW(path.c_str(), 0, kShareReadWrite, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL,
                                 nullptr);
-    AsRecord(record)->handle = handle;  // stored whatever it is; HalCloseDevice closes it
+    DiskHandle(record) = handle;  // stored whatever it is; DiskClose closes it
     return handle != INVALID_HANDLE_VALUE ? 1 : 0;
 }
 
+uint32_t DiskClose(void* record) {
+    if (record == nullptr || DiskHandle(record) == nullptr) return 0;
+    const BOOL closed = CloseHandle(DiskHandle(record));
+    DiskHandle(record) = nullptr;
+    return static_cast<uint32_t>(closed);
+}
+
+uint32_t DiskRead(void* record, uint32_t* offset, void* buffer, uint32_t size, uint32_t* bytesRead) {
+    if (record == nullptr || offset == nullptr || buffer == nullptr || bytesRead == nullptr ||
+        DiskHandle(record) == nullptr)
+        return 0;
+    HANDLE handle = DiskHandle(record);
+    if (!SeekDisk(handle, offset)) return 0;
+    return static_cast<uint32_t>(ReadFile(handle, buffer, size, reinterpret_cast<DWORD*>(bytesRead), nullptr));
+}
+
+uint32_t DiskWrite(void* record, uint32_t* offset, const void* buffer, uint32_t size, uint32_t* bytesWritten) {
+    if (record == nullptr || DiskHandle(record) == nullptr) return 0;
+    HANDLE handle = DiskHandle(record);
+    if (offset != nullptr && !SeekDisk(handle, offset)) return 0;
+    // The count location is not the library's to check; a missing one gets a
+    // scratch word so that the write cannot fault.
+    DWORD scratch = 0;
+    DWORD* written = bytesWritten != nullptr ? reinterpret_cast<DWORD*>(bytesWritten) : &scratch;
+    return static_cast<uint32_t>(WriteFile(handle, buffer, size, written, nullptr));
+}
+
 uint32_t DiskQueryInformation(void* record, uint32_t code, void* out, uint32_t outSize, uint32_t* written) {
-    if (code > kHighestCode) return 0;
+    if (code > HAL_DISK_IS_SSD) return 0;
     if (code == HAL_DISK_COUNT) return QueryCount(out, outSize, written);
     if (record == nullptr || out == nullptr || written == nullptr) return 0;
     if (const TextFact* fact = FindTextFact(code)) return QueryText(record, *fact, out, outSize, written);
@@ -236,7 +250,7 @@ uint32_t DiskQueryInformation(void* record, uint32_t code, void* out, uint32_t o
     case HAL_DISK_TRIM_ENABLED:
         return QueryTrim(record, out, outSize, written);
     case HAL_DISK_IS_SSD:
-        return QuerySolidState(record, out, outSize);
+        return QuerySolidState(record, out, outSize, written);
     default:
         return 0;
     }

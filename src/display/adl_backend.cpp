@@ -4,10 +4,10 @@
 #include <windows.h>
 
 #include <cstddef>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
+#include "common/codec.h"
 #include "common/win_resource.h"
 #include "display/color_backend.h"
 #include "display/display_math.h"
@@ -68,7 +68,7 @@ Fn Adl(size_t entry) {
     return reinterpret_cast<Fn>(g_adl[entry]);
 }
 
-void* __stdcall AdlMalloc(int size) { return std::malloc(static_cast<size_t>(size)); }
+void* __stdcall AdlMalloc(int size) { return AllocateRecord(static_cast<size_t>(size)); }
 
 bool LoadAdl() {
     if (g_adlLoaded) return true;
@@ -219,7 +219,7 @@ uint32_t InitAdl(void** out) {
     void* rawInfo = nullptr;
     int adapters = 0;
     const int infoResult = Adl<AdlAdapterInfoX2>(kAdlAdapterInfoX2)(session.get(), &rawInfo);
-    torvex::MallocBlock info(rawInfo);
+    torvex::RecordBlock info(rawInfo);
     if (infoResult != kAdlOk || Adl<AdlAdapterCount>(kAdlAdapterCount)(session.get(), &adapters) != kAdlOk ||
         info == nullptr)
         return 0;
@@ -228,13 +228,13 @@ uint32_t InitAdl(void** out) {
         int displayCount = 0;
         void* rawDisplays = nullptr;
         Adl<AdlDisplayInfo>(kAdlDisplayInfo)(session.get(), adapterIndex, &displayCount, &rawDisplays, 0);
-        torvex::MallocBlock displays(rawDisplays);
+        torvex::RecordBlock displays(rawDisplays);
         if (displays == nullptr) continue;
         for (int d = 0; d < displayCount; ++d) {
             const size_t base = kDisplayInfoBytes * static_cast<size_t>(d);
             const int32_t infoValue = ReadInt(displays.get(), base + kDisplayInfoBytes - 4);
             if ((infoValue & kDisplayMapped) == 0 || ReadInt(displays.get(), base + 8) != adapterIndex) continue;
-            auto* context = static_cast<DisplayColorContext*>(std::malloc(sizeof(DisplayColorContext)));
+            auto* context = static_cast<DisplayColorContext*>(AllocateRecord(sizeof(DisplayColorContext)));
             if (context == nullptr) return 0;
             *context = DisplayColorContext{sizeof(DisplayColorContext), 1, adapterIndex, ReadInt(displays.get(), base)};
             *out = context;

@@ -8,6 +8,7 @@
 
 #include <cstring>
 
+#include "common/codec.h"
 #include "common/debug_message.h"
 #include "common/win_resource.h"
 #include "torvex.h"
@@ -19,16 +20,10 @@ constexpr GUID kVideoSubgroup = {0x7516B95F, 0xF776, 0x4464, {0x8C, 0x53, 0x06, 
 constexpr GUID kVideoBrightness = {0xADED5E82, 0xB909, 0x4619, {0x99, 0x49, 0xF5, 0xD7, 0x1D, 0xAC, 0x0B, 0xCB}};
 constexpr char kQueryFunction[] = "`anonymous-namespace'::QueryLight";
 constexpr char kSetFunction[] = "`anonymous-namespace'::SetLight";
-constexpr uint32_t kRangeBytes = 20;
+constexpr uint32_t kRangeBytes = sizeof(BrightnessRange);
 constexpr uint32_t kMaxPercent = 100;
 
-// The scheme GUID that PowerGetActiveScheme allocates, freed with LocalFree.
-struct SchemeTraits {
-    static GUID* Empty() { return nullptr; }
-    static bool Valid(GUID* scheme) { return scheme != nullptr; }
-    static void Release(GUID* scheme) { LocalFree(scheme); }
-};
-using ActiveScheme = torvex::UniqueResource<GUID*, SchemeTraits>;
+using ActiveScheme = LocalPointer<GUID>;  // PowerGetActiveScheme allocates it
 
 // Any non-zero ACLineStatus (online, or 255 unknown) selects the AC value.
 bool OnMains(const SYSTEM_POWER_STATUS& status) { return status.ACLineStatus != 0; }
@@ -57,9 +52,7 @@ uint32_t QueryLight(void** buffer, uint32_t* size, uint32_t** outLen) {
         return 0;
     }
     const BrightnessRange range{value, 0, 0, kMaxPercent, 0};
-    std::memcpy(*buffer, &range, sizeof(range));
-    **outLen = kRangeBytes;
-    return 1;
+    return PutValue(*buffer, *outLen, range);
 }
 
 uint32_t SetLight(void** input, uint32_t* inputSize) {

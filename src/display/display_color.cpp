@@ -4,9 +4,9 @@
 #include <cwchar>
 #include <initializer_list>
 
-#include "api/modules.h"
 #include "common/win_resource.h"
 #include "display/color_backend.h"
+#include "display/display_color.h"
 #include "torvex.h"
 
 namespace torvex::display {
@@ -32,7 +32,7 @@ using namespace torvex::display;
 uint32_t DisplayColorInit(void** out) {
     void* rawList = nullptr;
     if (GpInit(&rawList) == 0) return 0;
-    torvex::MallocBlock list(rawList);
+    torvex::RecordBlock list(rawList);
     auto* adapters = static_cast<GpuAdapterList*>(rawList);
     if (adapters == nullptr || !IsDisplayBackendReady() || adapters->count == 0) return 1;
     // The first adapter whose name says AMD or Intel decides.

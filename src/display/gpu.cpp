@@ -4,28 +4,27 @@
 #include <dxgi.h>
 #include <shlwapi.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <map>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "common/codec.h"
 #include "common/win_resource.h"
 #include "torvex.h"
+#include "wmi/wmi.h"
 
 namespace {
 
 using torvex::ComPtr;
+using torvex::wmi::Session;
 
 constexpr GUID kDisplayClass = {0x4D36E968, 0xE325, 0x11CE, {0xBF, 0xC1, 0x08, 0x00, 0x2B, 0xE1, 0x03, 0x18}};
 constexpr IID kIidDxgiFactory = {0x7B7166EC, 0x21C7, 0x44AE, {0xB2, 0x1A, 0xC9, 0xAE, 0x32, 0x1A, 0xE3, 0x69}};
-constexpr wchar_t kCimv2[] = L"ROOT\\CIMV2";
-constexpr size_t kNameChars = 260;
-constexpr uint64_t kMaxListBytes = 0xFFFFFFFFull;
+constexpr size_t kNameChars = sizeof(GpuAdapterRecord::name) / sizeof(wchar_t);
 constexpr size_t kDriverDateChars = 8;
-
-static_assert(sizeof(GpuAdapterRecord) == 552, "adapter record layout");
 
 struct Adapter {
     std::wstring name;
@@ -95,15 +94,17 @@ std::wstring VideoControllerQuery(const wchar_t* property, const std::wstring& n
 // Integrated when AdapterDACType mentions "Integrated" in any letter case;
 // every other answer, none included, counts as discrete.
 uint32_t IsDiscrete(const std::wstring& name) {
-    HalWmi wmi(kCimv2);
-    const std::wstring dacType = wmi.SelectStr(VideoControllerQuery(L"AdapterDACType", name), L"AdapterDACType");
+    const std::wstring dacType = Session(torvex::wmi::kCimv2)
+                                     .First<std::wstring>(VideoControllerQuery(L"AdapterDACType", name), L"AdapterDACType")
+                                     .value_or(std::wstring());
     return !dacType.empty() && StrStrIW(dacType.c_str(), L"Integrated") != nullptr ? 0 : 1;
 }
 
+// A refresh rate that is there and not 0.
 uint8_t HasRefreshRate(const std::wstring& name) {
-    HalWmi wmi(kCimv2);
-    const uint32_t rate = wmi.SelectUInt(VideoControllerQuery(L"CurrentRefreshRate", name), L"CurrentRefreshRate");
-    return rate - 1u <= 4294967293u ? 1 : 0;
+    const std::optional<uint32_t> rate =
+        Session(torvex::wmi::kCimv2).Number(VideoControllerQuery(L"CurrentRefreshRate", name), L"CurrentRefreshRate");
+    return rate.value_or(0) != 0 ? 1 : 0;
 }
 
 // The last record of the kind, or null.
@@ -119,9 +120,11 @@ std::wstring RecordName(const GpuAdapterRecord& record) {
 }
 
 std::wstring MonitorIdentifier() {
-    HalWmi wmi(kCimv2);
-    const std::string id = StringProc::WStringToString(
-        wmi.SelectStr(L"SELECT PNPDeviceID FROM Win32_DesktopMonitor WHERE PNPDeviceID IS NOT NULL", L"PNPDeviceID"));
+    const Session cimv2(torvex::wmi::kCimv2);
+    const auto text = [&](const wchar_t* query, const wchar_t* property) {
+        return StringProc::WStringToString(cimv2.First<std::wstring>(query, property).value_or(std::wstring()));
+    };
+    const std::string id = text(L"SELECT PNPDeviceID FROM Win32_DesktopMonitor WHERE PNPDeviceID IS NOT NULL", L"PNPDeviceID");
     std::string result;
     if (!id.empty()) {
         // DISPLAY\ABC1234\5&1a2b gives ABC1234.
@@ -129,7 +132,7 @@ std::wstring MonitorIdentifier() {
         const size_t second = first == std::string::npos ? std::string::npos : id.find('\\', first + 1);
         if (second != std::string::npos) result = id.substr(first + 1, second - first - 1);
     } else {
-        result = StringProc::WStringToString(wmi.SelectStr(L"SELECT Caption FROM Win32_DesktopMonitor", L"Caption"));
+        result = text(L"SELECT Caption FROM Win32_DesktopMonitor", L"Caption");
     }
     return StringProc::StringToWString(result);
 }
@@ -155,9 +158,10 @@ bool StringAnswer(const GpuAdapterList* list, uint32_t code, std::wstring& text)
     if (fact % 4 == 0) {
         text = name;
     } else {
-        HalWmi wmi(kCimv2);
         const wchar_t* property = kProperties[fact % 4];
-        text = wmi.SelectStr(VideoControllerQuery(property, name), property);
+        text = Session(torvex::wmi::kCimv2)
+                   .First<std::wstring>(VideoControllerQuery(property, name), property)
+                   .value_or(std::wstring());
         if (fact % 4 == 3) text = text.size() < kDriverDateChars ? std::wstring() : text.substr(0, kDriverDateChars);
     }
     return !text.empty();
@@ -219,13 +223,10 @@ uint32_t GpInit(void** out) {
     const std::vector<Adapter> adapters = CollectAdapters();
     const uint64_t count = adapters.size();
     // No adapter, or a list too large for its size field: success without a list.
-    if (count == 0 || count * sizeof(GpuAdapterRecord) + 8 > kMaxListBytes) return 1;
-    const uint32_t size = static_cast<uint32_t>(count * sizeof(GpuAdapterRecord) + 8);
-    auto* list = static_cast<GpuAdapterList*>(std::malloc(size));
+    if (count == 0 || !torvex::FitsSizeField(torvex::ListBytes<GpuAdapterList>(count))) return 1;
+    auto* list = torvex::NewList<GpuAdapterList>(count);
     *out = list;
     if (list == nullptr) return 0;
-    list->size = size;
-    list->count = static_cast<uint32_t>(count);
     for (uint32_t i = 0; i < count; ++i) {
         GpuAdapterRecord& record = list->records[i];
         record.reserved = 0;
@@ -247,18 +248,12 @@ uint32_t GpQueryInforamtion(void* list, int32_t code, void* buffer, uint32_t siz
     if (unsignedCode <= HAL_GPU_RESOLUTION_TEXT) {
         std::wstring text;
         if (!StringAnswer(adapters, unsignedCode, text)) return 0;
-        const uint64_t bytes = text.size() * sizeof(wchar_t);
-        if (size < bytes + sizeof(wchar_t)) return 0;  // room for a terminator that is not written
-        std::memcpy(buffer, text.data(), static_cast<size_t>(bytes));
-        *returned = static_cast<uint32_t>(bytes);
-        return 1;
+        return torvex::PutWideText(text, buffer, size, returned, torvex::Room::Terminator);
     }
     if (unsignedCode >= HAL_GPU_ADAPTER_COUNT && unsignedCode <= HAL_GPU_COLOR_DEPTH_BPP) {
         uint32_t value = 0;
         if (!NumberAnswer(adapters, unsignedCode, value) || size < sizeof(value)) return 0;
-        std::memcpy(buffer, &value, sizeof(value));
-        *returned = sizeof(value);
-        return 1;
+        return torvex::PutValue(buffer, returned, value);
     }
     return 0;
 }

@@ -6,7 +6,8 @@
 #include <cstring>
 #include <string>
 
-#include "api/modules.h"
+#include "common/win_resource.h"
+#include "enclave/enclave.h"
 #include "torvex.h"
 #include "torvex/program_directory.h"
 
@@ -59,16 +60,16 @@ uint32_t EnclaveLoad() {
     if (directory.empty()) return 0;
     const std::wstring servicePath = directory + L"\\" + kServiceLibrary;
 
-    g_service = LoadLibraryW(servicePath.c_str());
-    if (g_service == nullptr) return 0;
-    g_encrypt = Resolve<TransformFn>(g_service, kEncryptName);
-    g_decrypt = Resolve<TransformFn>(g_service, kDecryptName);
-    g_encryptedLength = Resolve<LengthFn>(g_service, kEncryptedLengthName);
-    g_decryptedLength = Resolve<LengthFn>(g_service, kDecryptedLengthName);
-    if (g_encrypt == nullptr || g_decrypt == nullptr || g_encryptedLength == nullptr || g_decryptedLength == nullptr) {
-        FreeLibrary(g_service);
+    torvex::Library service(LoadLibraryW(servicePath.c_str()));
+    if (!service) return 0;
+    g_encrypt = Resolve<TransformFn>(service.get(), kEncryptName);
+    g_decrypt = Resolve<TransformFn>(service.get(), kDecryptName);
+    g_encryptedLength = Resolve<LengthFn>(service.get(), kEncryptedLengthName);
+    g_decryptedLength = Resolve<LengthFn>(service.get(), kDecryptedLengthName);
+    // An incomplete service is freed again; the entry points stay unused while g_loaded is 0.
+    if (g_encrypt == nullptr || g_decrypt == nullptr || g_encryptedLength == nullptr || g_decryptedLength == nullptr)
         return 0;
-    }
+    g_service = service.release();  // loaded for the rest of the process
     g_loaded = 1;
     return 1;
 }

@@ -7,24 +7,26 @@
 #include <setupapi.h>
 
 #include <cstring>
+#include <optional>
 #include <string>
 
-#include "common/narrow_answer.h"
+#include "common/codec.h"
 #include "common/win_resource.h"
 #include "torvex.h"
+#include "wmi/wmi.h"
 
 namespace {
 
 constexpr GUID kBatteryClass = {0x72631E54, 0x78A4, 0x11D0, {0xBC, 0xF7, 0x00, 0xAA, 0x00, 0xB7, 0xB3, 0x2A}};
-constexpr wchar_t kRootWmi[] = L"ROOT\\WMI";
+namespace wmi = torvex::wmi;
+using torvex::PutValue;
+
 constexpr int kPowerStatusAttempts = 3;
 constexpr int kBatteryStateAttempts = 4;
 constexpr BYTE kNoSystemBattery = 128;
 constexpr BYTE kUnknownBatteryStatus = 255;
 constexpr ULONG kSystemBatteryCapability = 0x80000000u;  // BATTERY_SYSTEM_BATTERY
 constexpr DWORD kNameChars = 260;
-constexpr uint32_t kNoValue = 0xFFFFFFFFu;
-constexpr unsigned int kPacketBytes = 64;
 constexpr unsigned int kAnswerBytes = 256;
 constexpr uint8_t kMaxChargeValue = 100;
 
@@ -141,23 +143,21 @@ bool ReadBatteryNames(BatteryNames& names) {
     return true;
 }
 
-uint32_t WmiNumber(const wchar_t* query, const wchar_t* property) {
-    HalWmi wmi(kRootWmi);
-    return wmi.SelectUInt(query, property);
+std::optional<uint32_t> WmiNumber(const wchar_t* query, const wchar_t* property) {
+    return wmi::Session(wmi::kRootWmi).Number(query, property);
 }
 
-uint32_t DesignedCapacity() {
-    if (!BatteryPresent()) return 0;
+// Fails (none) without a battery and for 0 and 0xFFFFFFFF from either source.
+std::optional<uint32_t> DesignedCapacity() {
+    if (!BatteryPresent()) return std::nullopt;
     BATTERY_INFORMATION information{};
     BATTERY_STATUS status{};
-    if (ReadBatteryNumbers(information, status)) return information.DesignedCapacity;
-    return WmiNumber(L"SELECT DesignedCapacity FROM BatteryStaticData", L"DesignedCapacity");
-}
-
-uint32_t PutU32(void* buffer, uint32_t value, uint32_t* written) {
-    std::memcpy(buffer, &value, sizeof(value));
-    *written = sizeof(value);
-    return 1;
+    const std::optional<uint32_t> designed =
+        ReadBatteryNumbers(information, status)
+            ? information.DesignedCapacity
+            : WmiNumber(L"SELECT DesignedCapacity FROM BatteryStaticData", L"DesignedCapacity");
+    if (designed == 0u || designed == wmi::kNoNumber) return std::nullopt;
+    return designed;
 }
 
 uint32_t QueryName(uint32_t code, void* buffer, uint32_t size, uint32_t* written) {
@@ -165,19 +165,20 @@ uint32_t QueryName(uint32_t code, void* buffer, uint32_t size, uint32_t* written
     const bool fromDevice = ReadBatteryNames(names);
     std::wstring name = code == HAL_BT_DEVICE_NAME ? names.deviceName : names.manufacturer;
     if (!fromDevice || name.empty()) {
-        HalWmi wmi(kRootWmi);
-        name = code == HAL_BT_DEVICE_NAME ? wmi.SelectStr(L"SELECT DeviceName FROM BatteryStaticData", L"DeviceName")
-                                          : wmi.SelectStr(L"SELECT ManufactureName FROM BatteryStaticData",
-                                                          L"ManufactureName");
+        const bool device = code == HAL_BT_DEVICE_NAME;
+        name = wmi::Session(wmi::kRootWmi)
+                   .First<std::wstring>(device ? L"SELECT DeviceName FROM BatteryStaticData"
+                                               : L"SELECT ManufactureName FROM BatteryStaticData",
+                                        device ? L"DeviceName" : L"ManufactureName")
+                   .value_or(std::wstring());
     }
-    return torvex::WriteNarrowAnswer(StringProc::WStringToString(name), buffer, size, written);
+    return torvex::PutNarrowText(StringProc::WStringToString(name), buffer, size, written);
 }
 
 bool CallFirmware(const unsigned char* head, size_t headBytes, unsigned char (&answer)[kAnswerBytes]) {
-    unsigned char packet[kPacketBytes] = {};
+    unsigned char packet[wmi::kPacketBytes] = {};
     std::memcpy(packet, head, headBytes);
-    HalWmi channel(kRootWmi);
-    return channel.GetOutPutUIntEx(packet, kPacketBytes, answer, kAnswerBytes) && answer[0] == 0;
+    return wmi::Session(wmi::kRootWmi).Method(packet, answer, kAnswerBytes) && answer[0] == 0;
 }
 
 // The whole part 1 reads as negative: the firmware encodes the sign in it,
@@ -193,52 +194,50 @@ uint32_t QueryNumber(uint32_t code, void* buffer, uint32_t* written) {
     SYSTEM_BATTERY_STATE state{};
     switch (code) {
     case HAL_BT_PRESENT:
-        return BatteryPresent() ? PutU32(buffer, 1, written) : 0;
+        return BatteryPresent() ? PutValue(buffer, written, uint32_t{1}) : 0;
     case HAL_BT_REMAINING_MWH:
     case HAL_BT_FULL_CHARGED_MWH:
         if (!BatteryPresent() || !ReadBatteryState(state)) return 0;
-        return PutU32(buffer, code == HAL_BT_REMAINING_MWH ? state.RemainingCapacity : state.MaxCapacity, written);
+        return PutValue(buffer, written,
+                        uint32_t{code == HAL_BT_REMAINING_MWH ? state.RemainingCapacity : state.MaxCapacity});
     case HAL_BT_DESIGNED_MWH: {
-        const uint32_t designed = DesignedCapacity();
-        if (designed == 0 || designed == kNoValue) return 0;
-        return PutU32(buffer, designed, written);
+        const std::optional<uint32_t> designed = DesignedCapacity();
+        return designed ? PutValue(buffer, written, *designed) : 0;
     }
     case HAL_BT_AC_LINE_STATUS: {
         SYSTEM_POWER_STATUS status{};
         if (!ReadPowerStatus(status)) return 0;
-        return PutU32(buffer, status.ACLineStatus, written);
+        return PutValue(buffer, written, uint32_t{status.ACLineStatus});
     }
     case HAL_BT_VOLTAGE_MV: {
         if (!BatteryPresent()) return 0;
         BATTERY_INFORMATION information{};
         BATTERY_STATUS status{};
-        // Only 0 fails: an unknown voltage (0xFFFFFFFF) passes through.
+        // Only 0 fails: an unknown voltage (0xFFFFFFFF) passes through, and so
+        // does the WMI fallback's "no value", which reads the same.
         const uint32_t voltage = ReadBatteryNumbers(information, status)
                                      ? status.Voltage
-                                     : WmiNumber(L"SELECT Voltage FROM BatteryStatus", L"Voltage");
-        return voltage != 0 ? PutU32(buffer, voltage, written) : 0;
+                                     : WmiNumber(L"SELECT Voltage FROM BatteryStatus", L"Voltage").value_or(wmi::kNoNumber);
+        return voltage != 0 ? PutValue(buffer, written, voltage) : 0;
     }
     case HAL_BT_WEAR_CENTIPERCENT: {
         if (!BatteryPresent() || !ReadBatteryState(state)) return 0;
-        const uint32_t designed = DesignedCapacity();
+        const std::optional<uint32_t> designed = DesignedCapacity();
         const uint32_t full = state.MaxCapacity;
-        if (designed == 0 || designed == kNoValue || designed <= full) return 0;
-        return PutU32(buffer, static_cast<uint32_t>(uint64_t{designed - full} * 10000 / designed), written);
+        if (!designed || *designed <= full) return 0;
+        return PutValue(buffer, written, static_cast<uint32_t>(uint64_t{*designed - full} * 10000 / *designed));
     }
     case HAL_BT_DISCHARGE_RATE_MW:
         if (!ReadBatteryState(state) || state.AcOnLine != 0 || static_cast<LONG>(state.Rate) >= 0) return 0;
-        return PutU32(buffer, static_cast<uint32_t>(-static_cast<LONG>(state.Rate)), written);
+        return PutValue(buffer, written, static_cast<uint32_t>(-static_cast<LONG>(state.Rate)));
     case HAL_BT_CHARGE_RATE_MW:
         if (!ReadBatteryState(state) || state.AcOnLine != 1 || static_cast<LONG>(state.Rate) < 1) return 0;
-        return PutU32(buffer, state.Rate, written);
+        return PutValue(buffer, written, uint32_t{state.Rate});
     case HAL_BT_OEM_READING: {
         const unsigned char head[] = {0x02, 0x02, 0x01, 0x00};
         unsigned char answer[kAnswerBytes] = {};
         if (!CallFirmware(head, sizeof(head), answer)) return 0;
-        const float value = DecimalReading(answer[2], answer[3]);
-        std::memcpy(buffer, &value, sizeof(value));
-        *written = sizeof(value);
-        return 1;
+        return PutValue(buffer, written, DecimalReading(answer[2], answer[3]));
     }
     default:
         return 0;

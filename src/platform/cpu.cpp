@@ -8,19 +8,20 @@
 
 #include <array>
 #include <cctype>
-#include <cstring>
+#include <optional>
 #include <string>
 
+#include "common/codec.h"
 #include "platform/cpu_internal.h"
-#include "common/narrow_answer.h"
 #include "torvex.h"
+#include "wmi/wmi.h"
 
 namespace {
 
+namespace wmi = torvex::wmi;
+using torvex::Written;
+
 constexpr wchar_t kCpuKey[] = L"HARDWARE\\DESCRIPTION\\System\\CentralProcessor\\0";
-constexpr wchar_t kCimv2[] = L"ROOT\\CIMV2";
-constexpr wchar_t kRootWmi[] = L"ROOT\\WMI";
-constexpr uint32_t kNoValue = 0xFFFFFFFFu;
 
 // Written by CpuInit, HalInit(0) and code 18; read by code 6. Plain variable:
 // concurrent detections write the same value.
@@ -47,7 +48,7 @@ struct CodeInfo {
 // Code 0's WMI fallback asks the row for "REG_NAME_CPU_VENDOR", a property it
 // does not have; codes 12 and 13 sum over rows while 14 reads the first. Both
 // are kept as they are: hosts were built against these answers.
-constexpr std::array<CodeInfo, 19> kCodes = {{
+constexpr std::array<CodeInfo, HAL_CPU_VENDOR_CLASS + 1> kCodes = {{
     {Source::RegistryThenWmi, L"SELECT Manufacturer FROM Win32_Processor", L"REG_NAME_CPU_VENDOR", L"VendorIdentifier"},
     {Source::RegistryThenWmi, L"SELECT Name FROM Win32_Processor", L"Name", L"ProcessorNameString"},
     {Source::Associativity, L"SELECT Associativity FROM Win32_CacheMemory WHERE Level='3'", L"Associativity", nullptr},
@@ -73,20 +74,21 @@ constexpr std::array<CodeInfo, 19> kCodes = {{
 std::wstring RegistryThenWmi(const CodeInfo& info) {
     std::wstring text;
     if (ReadReg::ReadLocalMachineRegRZ(kCpuKey, info.registryValue, text) && !text.empty()) return text;
-    HalWmi wmi(kCimv2);
-    return wmi.SelectStr(info.query, info.property);
+    return wmi::Session(wmi::kCimv2).First<std::wstring>(info.query, info.property).value_or(std::wstring());
 }
 
-// 0 (no value) when the cache sum could not build its query strings: its
-// out-of-memory error ends here, never at the export.
-uint32_t WmiNumber(const CodeInfo& info) {
-    HalWmi wmi(kCimv2);
-    if (info.source != Source::CacheSum) return wmi.SelectUInt(info.query, info.property);
+// A cache sum of 0xFFFFFFFF counts as no value, as SelectUInt's answer does;
+// when the sum could not build its query strings, its out-of-memory error
+// ends here as no value, never at the export.
+std::optional<uint32_t> WmiNumber(const CodeInfo& info) {
+    const wmi::Session cimv2(wmi::kCimv2);
+    if (info.source != Source::CacheSum) return cimv2.Number(info.query, info.property);
     try {
-        return wmi.SelectUintForCpuCacheL1AndL2(info.query, info.property);
+        const uint32_t sum = wmi::SelectUintForCpuCacheL1AndL2(cimv2.target(), info.query, info.property);
+        if (sum != wmi::kNoNumber) return sum;
     } catch (const _com_error&) {
-        return 0;
     }
+    return std::nullopt;
 }
 
 // Only reports that extended leaf 0x80000008 exists. The comparison is signed
@@ -101,10 +103,9 @@ bool ProbeExtendedCpuid() {
 }
 
 bool ReadOemValue(uint32_t& value) {
-    unsigned char input[64] = {0x02, 0x02};
+    const unsigned char input[wmi::kPacketBytes] = {0x02, 0x02};
     unsigned char output[260] = {};
-    HalWmi wmi(kRootWmi);
-    if (!wmi.GetOutPutUIntEx(input, sizeof(input), output, sizeof(output)) || output[0] != 0) return false;
+    if (!wmi::Session(wmi::kRootWmi).Method(input, output, sizeof(output)) || output[0] != 0) return false;
     value = output[2];
     return true;
 }
@@ -156,40 +157,37 @@ uint32_t CpuQueryInformation(int32_t code, void* buffer, uint32_t size, uint32_t
 
     switch (info.source) {
     case Source::RegistryThenWmi:
-        return torvex::WriteNarrowAnswer(StringProc::WStringToString(RegistryThenWmi(info)), buffer, size,
-                                                   written);
+        return torvex::PutNarrowText(StringProc::WStringToString(RegistryThenWmi(info)), buffer, size, written);
     case Source::Associativity: {
-        HalWmi wmi(kCimv2);
-        const uint32_t associativity = wmi.SelectUInt(info.query, info.property);
-        if (associativity == 0 || associativity == kNoValue) return 0;
-        return torvex::WriteNarrowAnswer(torvex::AssociativityText(associativity), buffer, size, written);
+        const std::optional<uint32_t> associativity = wmi::Session(wmi::kCimv2).Number(info.query, info.property);
+        if (!associativity || *associativity == 0) return 0;
+        return torvex::PutNarrowText(torvex::AssociativityText(*associativity), buffer, size, written);
     }
     case Source::Vendor: {
         const uint32_t vendor = torvex::DetectCpuVendor();  // runs before the size check on purpose
-        if (size < 4) return 0;
-        std::memcpy(buffer, &vendor, sizeof(vendor));
-        return 1;
+        if (size < sizeof(vendor)) return 0;
+        return torvex::PutValue(buffer, written, vendor, Written::Untouched);
     }
     default:
         break;
     }
 
     // Numeric codes: one u32 at the start of the buffer; *written is not touched.
-    if (info.source == Source::None || size < 4) return 0;
+    if (info.source == Source::None || size < sizeof(uint32_t)) return 0;
     uint32_t value = 0;
     switch (info.source) {
     case Source::CpuidProbe:
         if (!ProbeExtendedCpuid()) return 0;
-        value = 0;
         break;
     case Source::Oem:
         if (!ReadOemValue(value)) return 0;
         break;
-    default:
-        value = WmiNumber(info);
-        if (value == 0 || value == kNoValue) return 0;  // a genuine 0 (such as 0 % load) fails too
+    default: {
+        const std::optional<uint32_t> number = WmiNumber(info);
+        if (!number || *number == 0) return 0;  // a genuine 0 (such as 0 % load) fails too
+        value = *number;
         break;
     }
-    std::memcpy(buffer, &value, sizeof(value));
-    return 1;
+    }
+    return torvex::PutValue(buffer, written, value, Written::Untouched);
 }

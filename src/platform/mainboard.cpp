@@ -3,13 +3,13 @@
 #include <array>
 #include <string>
 
-#include "common/narrow_answer.h"
+#include "common/codec.h"
 #include "torvex.h"
+#include "wmi/wmi.h"
 
 namespace {
 
 const std::wstring kBiosKey = L"HARDWARE\\DESCRIPTION\\System\\BIOS";
-const std::wstring kCimv2 = L"ROOT\\CIMV2";
 const std::wstring kSelect = L"SELECT ";
 const std::wstring kFromBaseBoard = L" FROM Win32_BaseBoard";
 const std::wstring kFromBios = L" FROM Win32_BIOS";
@@ -21,7 +21,7 @@ struct Fact {
 };
 
 // Codes 0-5. The baseboard serial number always comes from WMI.
-const std::array<Fact, 6> kFacts = {{
+const std::array<Fact, HAL_MB_BIOS_RELEASE_DATE> kFacts = {{
     {L"BaseBoardProduct", L"Product", &kFromBaseBoard},
     {L"BaseBoardManufacturer", L"Manufacturer", &kFromBaseBoard},
     {L"BaseBoardVersion", L"Version", &kFromBaseBoard},
@@ -29,8 +29,6 @@ const std::array<Fact, 6> kFacts = {{
     {L"BIOSVersion", L"SMBIOSBIOSVersion", &kFromBios},
     {L"BIOSVendor", L"Manufacturer", &kFromBios},
 }};
-
-constexpr uint32_t kReleaseDateCode = 6;
 
 // Firmware strings are passed through untrimmed; an empty or missing registry
 // value selects WMI.
@@ -40,9 +38,10 @@ std::string FactAnswer(const Fact& fact) {
         if (ReadReg::ReadLocalMachineRegRZ(kBiosKey, fact.registryValue, value) && !value.empty())
             return StringProc::WStringToString(value);
     }
-    HalWmi wmi(kCimv2);
     const std::wstring property = fact.wmiProperty;
-    return StringProc::WStringToString(wmi.SelectStr(kSelect + property + *fact.wmiFrom, property));
+    return StringProc::WStringToString(torvex::wmi::Session(torvex::wmi::kCimv2)
+                                           .First<std::wstring>(kSelect + property + *fact.wmiFrom, property)
+                                           .value_or(std::wstring()));
 }
 
 // The registry holds the firmware's MM/DD/YYYY form: exactly 10 characters,
@@ -62,9 +61,10 @@ std::string ReleaseDateAnswer() {
         const std::wstring date = value.substr(6, 4) + value.substr(0, 2) + value.substr(3, 2);
         return StringProc::WStringToString(date);
     }
-    HalWmi wmi(kCimv2);
-    const std::string text =
-        StringProc::WStringToString(wmi.SelectStr(L"SELECT ReleaseDate FROM Win32_BIOS", L"ReleaseDate"));
+    const std::string text = StringProc::WStringToString(
+        torvex::wmi::Session(torvex::wmi::kCimv2)
+            .First<std::wstring>(L"SELECT ReleaseDate FROM Win32_BIOS", L"ReleaseDate")
+            .value_or(std::wstring()));
     const size_t start = text.find_first_not_of(' ');
     if (start == std::string::npos || text.size() - start < kWmiDateMinimum) return std::string();
     return text.substr(start, kDateLength);
@@ -79,7 +79,7 @@ uint32_t MbInit() { return 1; }
 uint32_t MbSetInformation(uint32_t, void*, uint32_t, uint32_t*) { return 0; }
 
 uint32_t MbQueryInformation(uint32_t code, void* buffer, uint32_t size, uint32_t* returned) {
-    if (code > kReleaseDateCode) return 0;
-    const std::string answer = code == kReleaseDateCode ? ReleaseDateAnswer() : FactAnswer(kFacts[code]);
-    return torvex::WriteNarrowAnswer(answer, buffer, size, returned);
+    if (code > HAL_MB_BIOS_RELEASE_DATE) return 0;
+    const std::string answer = code == HAL_MB_BIOS_RELEASE_DATE ? ReleaseDateAnswer() : FactAnswer(kFacts[code]);
+    return torvex::PutNarrowText(answer, buffer, size, returned);
 }

@@ -3,30 +3,25 @@
 #include <windows.h>
 #include <wlanapi.h>
 
-#include <cstdlib>
 #include <cstring>
 
-#include "api/modules.h"
-#include "common/bounded_copy.h"
+#include "common/codec.h"
 #include "common/debug_message.h"
 #include "common/win_resource.h"
 #include "torvex.h"
+#include "wifi/wifi.h"
 
 namespace {
 
+using torvex::WlanMemory;
+
 constexpr DWORD kClientVersion = 2;
-constexpr uint32_t kRadioStateBytes = 12;
+constexpr uint32_t kRadioStateBytes = sizeof(HalWifiRadioState);  // the first 12 bytes of WLAN_RADIO_STATE
 constexpr DWORD kRadioOn = 1;   // dot11_radio_state_on
 constexpr DWORD kRadioOff = 2;  // dot11_radio_state_off
 
 static_assert(sizeof(WLAN_INTERFACE_INFO) == sizeof(HalWifiInterface), "slot is a WLAN_INTERFACE_INFO");
-
-struct WlanMemoryTraits {
-    static void* Empty() { return nullptr; }
-    static bool Valid(void* p) { return p != nullptr; }
-    static void Release(void* p) { WlanFreeMemory(p); }
-};
-using WlanMemory = torvex::UniqueResource<void*, WlanMemoryTraits>;
+static_assert(sizeof(GUID) == sizeof(HalGuid), "the interface GUID is the platform's");
 
 HalWifiRecord* AsRecord(void* record) { return static_cast<HalWifiRecord*>(record); }
 
@@ -50,47 +45,38 @@ static_assert(sizeof(PhyRadioBlock) == sizeof(WLAN_PHY_RADIO_STATE), "same block
 uint32_t WifiInit(void** out) {
     constexpr const char* kFunction = "WifiInit";
     DWORD negotiated = 0;
-    HANDLE client = nullptr;
-    const DWORD opened = WlanOpenHandle(kClientVersion, nullptr, &negotiated, &client);
-    if (opened != ERROR_SUCCESS || client == nullptr) {
-        torvex::DebugReport("[WifiInit] WlanOpenHandle Error Result:", opened, kFunction);
+    HANDLE opened = nullptr;
+    const DWORD result = WlanOpenHandle(kClientVersion, nullptr, &negotiated, &opened);
+    if (result != ERROR_SUCCESS || opened == nullptr) {
+        torvex::DebugReport("[WifiInit] WlanOpenHandle Error Result:", result, kFunction);
         return 0;
     }
+    torvex::WlanClient client(opened);
 
     WLAN_INTERFACE_INFO_LIST* rawList = nullptr;
-    const DWORD enumerated = WlanEnumInterfaces(client, nullptr, &rawList);
+    const DWORD enumerated = WlanEnumInterfaces(client.get(), nullptr, &rawList);
     if (enumerated != ERROR_SUCCESS) {
         torvex::DebugReport("[WifiInit] WlanEnumInterfaces Error Result:", enumerated, kFunction);
-        WlanCloseHandle(client, nullptr);
         return 0;
     }
     WlanMemory list(rawList);
 
     const uint32_t count = rawList != nullptr ? rawList->dwNumberOfItems : 0;
-    const uint64_t size = 532ull * count + 16;
-    if (size > 0xFFFFFFFFull) {
-        list.reset();
-        WlanCloseHandle(client, nullptr);
-        return 0;
-    }
-    auto* record = static_cast<HalWifiRecord*>(std::malloc(static_cast<size_t>(size)));
+    if (!torvex::FitsSizeField(torvex::ListBytes<HalWifiRecord>(count))) return 0;
+    auto* record = torvex::NewList<HalWifiRecord>(count);
     if (record == nullptr) {
         torvex::DebugReport("[WifiInit] malloc Error", kFunction);
-        list.reset();
-        WlanCloseHandle(client, nullptr);
         return 0;
     }
     *out = record;
 
-    record->size = static_cast<uint32_t>(size);
-    record->count = count;
-    record->clientHandle = client;
     for (uint32_t i = 0; i < count; ++i) {
         if (!torvex::BoundedCopy(&record->interfaces[i], sizeof(HalWifiInterface), &rawList->InterfaceInfo[i],
                                  sizeof(WLAN_INTERFACE_INFO)))
             torvex::DebugReport("[WifiInit] memcpy error", kFunction);
     }
-    return 1;  // the client handle stays open in the record until HalCloseDevice(1)
+    record->clientHandle = client.release();  // open in the record until HalCloseDevice(1)
+    return 1;
 }
 
 uint32_t WifiQueryInformation(void* record, uint32_t code, void* buffer, uint32_t size, uint32_t* returned) {
@@ -118,7 +104,7 @@ uint32_t WifiQueryInformation(void* record, uint32_t code, void* buffer, uint32_
 
 uint32_t WifiSetInformation(void* record, uint32_t code, const void* buffer, uint32_t size) {
     constexpr const char* kFunction = "WifiSetInformation";
-    if (code != HAL_WIFI_RADIO_STATE || size < 4 || buffer == nullptr) return 0;
+    if (code != HAL_WIFI_RADIO_STATE || size < sizeof(uint32_t) || buffer == nullptr) return 0;
 
     PhyRadioBlock block{};
     uint32_t blockSize = 0;

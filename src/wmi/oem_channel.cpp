@@ -8,16 +8,10 @@
 #include <cstring>
 #include <string>
 
-#include "common/bounded_copy.h"
-#include "common/win_resource.h"
-#include "torvex.h"
-#include "wmi/wmi_connection.h"
+#include "common/codec.h"
+#include "wmi/wmi.h"
 
-using torvex::Bstr;
-using torvex::ComPtr;
-using torvex::MakeBstr;
-using torvex::Variant;
-
+namespace torvex::wmi {
 namespace {
 
 constexpr wchar_t kMethodClass[] = L"OemWMIMethod";
@@ -28,7 +22,6 @@ constexpr wchar_t kPacketInput[] = L"u8Input";
 constexpr wchar_t kOutput[] = L"u8Output";
 constexpr wchar_t kMutexName[] = L"MutexWMI";
 constexpr DWORD kMutexWaitMs = 5000;
-constexpr unsigned int kPacketBytes = 64;
 constexpr unsigned int kAnswerBytes = 256;
 constexpr size_t kMaxHexDigits = 128;
 
@@ -57,7 +50,7 @@ public:
     FirmwareLock& operator=(const FirmwareLock&) = delete;
 
 private:
-    torvex::KernelHandle mutex_;
+    KernelHandle mutex_;
 };
 
 // The packet's command word as the firmware's "u64Input" (decimal text,
@@ -73,10 +66,10 @@ bool FillInput(IWbemClassObject* input, const unsigned char* packet) {
         if (number->bstrVal == nullptr) return false;  // no command word, no call
         if (SUCCEEDED(input->Put(kNumberInput, 0, number.get(), CIM_UINT64))) return true;
     }
-    torvex::SafeArray array(SafeArrayCreateVector(VT_UI1, 0, kPacketBytes));
+    SafeArray array(SafeArrayCreateVector(VT_UI1, 0, kPacketBytes));
     if (!array) return false;
     {
-        torvex::SafeArrayData data(array.get());
+        SafeArrayData data(array.get());
         if (!data.locked() || data.data() == nullptr) return false;
         std::memcpy(data.data(), packet, kPacketBytes);
     }
@@ -93,30 +86,30 @@ bool CopyAnswer(IWbemClassObject* outputParams, unsigned char* output, unsigned 
     Variant answer;
     if (FAILED(outputParams->Get(name.get(), 0, answer.get(), nullptr, nullptr))) return false;
     if ((answer->vt & VT_ARRAY) == 0 || answer->parray == nullptr) return false;
-    torvex::SafeArrayData data(answer->parray);
+    SafeArrayData data(answer->parray);
     if (!data.locked()) return false;
     // Exactly outputSize bytes, whatever the array's own length.
-    return torvex::BoundedCopy(output, outputSize, data.data(), outputSize);
+    return BoundedCopy(output, outputSize, data.data(), outputSize);
 }
 
 }  // namespace
 
-std::wstring HalWmi::GetObjectPath(wchar_t* className) {
+std::wstring GetObjectPath(std::wstring_view className) {
     return std::wstring(className) + L".InstanceName='" + kInstanceName + L"'";
 }
 
-bool HalWmi::GetOutPutUIntEx(unsigned char* input, unsigned int /*inputSize: always a 64-byte packet*/,
-                             unsigned char* output, unsigned int outputSize) {
+bool GetOutPutUIntEx(const Target& target, const unsigned char* input, unsigned int /*inputSize: always a 64-byte packet*/,
+                     unsigned char* output, unsigned int outputSize) {
     FirmwareLock lock;
     if (input == nullptr || output == nullptr) return false;
 
     const Bstr className = MakeBstr(kMethodClass);
     const Bstr methodName = MakeBstr(kMethod);
-    if (!initialized || !className || !methodName) return false;
+    if (!target.initialized || !className || !methodName) return false;
 
     ComPtr<IWbemLocator> locator;
     ComPtr<IWbemServices> services;
-    if (!torvex::ConnectWmi(nameSpace, locator, services)) return false;
+    if (!ConnectWmi(target.nameSpace, locator, services)) return false;
 
     ComPtr<IWbemClassObject> classObject;
     if (FAILED(services->GetObject(className.get(), 0, nullptr, classObject.put(), nullptr)) || !classObject)
@@ -127,8 +120,7 @@ bool HalWmi::GetOutPutUIntEx(unsigned char* input, unsigned int /*inputSize: alw
     if (FAILED(signature->SpawnInstance(0, inputParams.put())) || !inputParams) return false;
     if (!FillInput(inputParams.get(), input)) return false;
 
-    std::wstring classText(kMethodClass);
-    const Bstr objectPath = MakeBstr(GetObjectPath(classText.data()).c_str());
+    const Bstr objectPath = MakeBstr(GetObjectPath(kMethodClass));
     if (!objectPath) return false;
     ComPtr<IWbemClassObject> outputParams;
     if (FAILED(services->ExecMethod(objectPath.get(), methodName.get(), 0, nullptr, inputParams.get(),
@@ -138,14 +130,15 @@ bool HalWmi::GetOutPutUIntEx(unsigned char* input, unsigned int /*inputSize: alw
     return CopyAnswer(outputParams.get(), output, outputSize);
 }
 
-bool HalWmi::GetOutPutUInt(unsigned long long command, unsigned char* output, unsigned int outputSize) {
+bool GetOutPutUInt(const Target& target, unsigned long long command, unsigned char* output, unsigned int outputSize) {
     unsigned char packet[kPacketBytes] = {};
     std::memcpy(packet, &command, sizeof(command));
-    return GetOutPutUIntEx(packet, kPacketBytes, output, outputSize);
+    return GetOutPutUIntEx(target, packet, kPacketBytes, output, outputSize);
 }
 
-bool HalWmi::GetOutPutUIntByString(const std::string& text, unsigned char* output, unsigned int outputSize) {
-    std::string digits = text;
+bool GetOutPutUIntByString(const Target& target, std::string_view text, unsigned char* output,
+                           unsigned int outputSize) {
+    std::string digits(text);
     if (digits.size() >= 2 && digits.compare(0, 2, "0x") == 0) digits.erase(0, 2);
     std::reverse(digits.begin(), digits.end());
     if (digits.size() > kMaxHexDigits) return false;
@@ -165,49 +158,52 @@ bool HalWmi::GetOutPutUIntByString(const std::string& text, unsigned char* outpu
     unsigned char packet[kPacketBytes] = {};
     for (size_t k = 0; k <= digits.size() / 2 && k < kPacketBytes; ++k)
         packet[k] = static_cast<unsigned char>(values[2 * k] * 17);
-    return GetOutPutUIntEx(packet, kPacketBytes, output, outputSize);
+    return GetOutPutUIntEx(target, packet, kPacketBytes, output, outputSize);
 }
 
-HalWmi::CpuType HalWmi::GetCpuType() {
+CpuType GetCpuType(const Target& target) {
     unsigned char answer[kAnswerBytes] = {};
-    if (!GetOutPutUInt(kReadCpuType, answer, kAnswerBytes) || answer[0] != 0) return CpuTypeUnknown;
-    if (answer[1] == 0) return CpuTypeUnknown;
-    return answer[1] <= 10 ? CpuTypeLow : CpuTypeHigh;
+    if (!GetOutPutUInt(target, kReadCpuType, answer, kAnswerBytes) || answer[0] != 0) return CpuType::Unknown;
+    if (answer[1] == 0) return CpuType::Unknown;
+    return answer[1] <= 10 ? CpuType::Low : CpuType::High;
 }
 
-bool HalWmi::StartSuperSaver() {
-    const CpuType type = GetCpuType();
-    const unsigned long long command =
-        type == CpuTypeHigh ? kSuperSaverHigh : type == CpuTypeLow ? kSuperSaverLow : kSuperSaverUnknown;
+bool StartSuperSaver(const Target& target) {
+    const CpuType type = GetCpuType(target);
+    const unsigned long long command = type == CpuType::High  ? kSuperSaverHigh
+                                       : type == CpuType::Low ? kSuperSaverLow
+                                                              : kSuperSaverUnknown;
     unsigned char answer[kAnswerBytes] = {};
-    return GetOutPutUInt(command, answer, kAnswerBytes) && answer[0] == 0;
+    return GetOutPutUInt(target, command, answer, kAnswerBytes) && answer[0] == 0;
 }
 
-bool HalWmi::StopSuperSaver() {
+bool StopSuperSaver(const Target& target) {
     unsigned char answer[kAnswerBytes] = {};
-    return GetOutPutUInt(kSuperSaverOff, answer, kAnswerBytes) && answer[0] == 0;
+    return GetOutPutUInt(target, kSuperSaverOff, answer, kAnswerBytes) && answer[0] == 0;
 }
 
-bool HalWmi::GetPL1(float& value) {
+bool GetPL1(const Target& target, float& value) {
     unsigned char answer[kAnswerBytes] = {};
-    if (!GetOutPutUInt(kReadPowerLimit, answer, kAnswerBytes) || answer[0] != 0) return false;
+    if (!GetOutPutUInt(target, kReadPowerLimit, answer, kAnswerBytes) || answer[0] != 0) return false;
     value = static_cast<float>(answer[2]) / 100.0f + static_cast<float>(answer[1]);
     return true;
 }
 
 // Reports false only when the firmware answered with a non-zero status; a
 // call that did not go through counts as done. Kept so for the thermal tools.
-bool HalWmi::SetOdvpXToDefault(unsigned int item) {
+bool SetOdvpXToDefault(const Target& target, unsigned int item) {
     unsigned char answer[kAnswerBytes] = {};
-    if (!GetOutPutUInt(static_cast<unsigned long long>(item) * 65536 + kSetItemToZero, answer, kAnswerBytes))
+    if (!GetOutPutUInt(target, static_cast<unsigned long long>(item) * 65536 + kSetItemToZero, answer, kAnswerBytes))
         return true;
     return answer[0] == 0;
 }
 
 // Both items are always sent; the result is true only when both reported
 // false. Kept so for the thermal tools.
-bool HalWmi::SetOdvp0ToDefault() {
-    const bool item3 = SetOdvpXToDefault(3);
-    const bool item0 = SetOdvpXToDefault(0);
+bool SetOdvp0ToDefault(const Target& target) {
+    const bool item3 = SetOdvpXToDefault(target, 3);
+    const bool item0 = SetOdvpXToDefault(target, 0);
     return !item3 && !item0;
 }
+
+}  // namespace torvex::wmi
