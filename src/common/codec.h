@@ -55,6 +55,7 @@ constexpr bool FitsSizeField(uint64_t bytes) { return bytes <= UINT32_MAX; }
 // Allocates a list and writes its header (size truncated to 32 bits); null on failure.
 template <typename List>
 List* NewList(uint64_t count) {
+    static_assert(offsetof(List, count) == offsetof(HalListHeader, count), "every list starts with HalListHeader");
     const uint64_t bytes = ListBytes<List>(count);
     auto* list = static_cast<List*>(AllocateRecord(static_cast<size_t>(bytes)));
     if (list == nullptr) return nullptr;

@@ -38,10 +38,10 @@ protected:
     void TearDown() override {
         EXPECT_EQ(HalCloseDevice(HAL_CLASS_AUDIO, nullptr), 1u);
         ExpectNothingHeld();
-        std::free(list_);
+        torvex::test::FreeRecord(list_);
     }
     void Init() {
-        std::free(list_);
+        torvex::test::FreeRecord(list_);
         list_ = nullptr;
         EXPECT_EQ(HalInit(HAL_CLASS_AUDIO, reinterpret_cast<void**>(&list_)), 1u);
         if (list_ == nullptr) list_ = static_cast<uint8_t*>(std::calloc(1, 72));  // a failed test goes on without crashing

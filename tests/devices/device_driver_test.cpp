@@ -42,7 +42,7 @@ protected:
             const auto* field = reinterpret_cast<const wchar_t*>(static_cast<uint8_t*>(out) + 8 + 520 * i);
             list.emplace_back(field, wcsnlen(field, 260) != 0 ? wcsnlen(field, 260) : 260);
         }
-        std::free(out);
+        torvex::test::FreeRecord(out);
         return list;
     }
     SimulatedMachine machine{Json{{"wmi", {{"ROOT\\CIMV2", {{"queries", Json::object()}}}}}}};

@@ -86,7 +86,7 @@ TEST_F(DiskTest, CountAndListSegmentTheJoinedNamesAndNumberTheDrivesDensely) {
         }
         std::vector<uint32_t> words(2 + 4 * count);  // size, count, then per record: handle, drive number, unused
         std::memcpy(words.data(), out, words.size() * 4);
-        std::free(out);
+        torvex::test::FreeRecord(out);
         EXPECT_TRUE(words[0] == 8 + 16 * count && words[1] == count) << words[0];
         for (uint32_t i = 0; i < count; ++i) EXPECT_EQ(words[4 + 4 * i], i);
     }

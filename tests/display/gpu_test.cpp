@@ -53,7 +53,7 @@ const std::vector<CodeRow> kCodes = {
 class GpuTest : public ::testing::Test {
 protected:
     void TearDown() override { ExpectNothingHeld(); }
-    ~GpuTest() override { std::free(list); }
+    ~GpuTest() override { torvex::test::FreeRecord(list); }
     // Per record: discrete, has a refresh rate, memory in MiB (then index and reserved).
     void ExpectList(std::vector<std::vector<uint32_t>> records) {
         void* out = nullptr;

@@ -69,7 +69,7 @@ protected:
     void TearDown() override {
         if (state != nullptr) { EXPECT_EQ(state->contextsOpen, 0) << "every ADL context is destroyed"; }
         ExpectNothingHeld();
-        std::free(context);
+        torvex::test::FreeRecord(context);
     }
 
     SimulatedMachine machine{MachineFile{"amd-radeon-desktop"}};

@@ -13,6 +13,7 @@
 #include "support/simulated_machine.h"
 #include "support/torvex_test.h"
 #include "tool.h"
+#include "torvex/text.h"
 
 bool FirmwareMutexFree();  // reliability_test.cpp
 
@@ -106,6 +107,39 @@ TEST(Replay, CommandsAnswerWithTheirStatusWordsAndCalls) {
         else EXPECT_EQ(tool::RunTrace().Size(), 0u) << "a usage error reached the machine";
         EXPECT_TRUE(FirmwareMutexFree()) << "MutexWMI left held";
         if (c.keep != nullptr) std::ofstream(Beside(c.keep), std::ios::binary) << said;
+    }
+}
+
+// The library's narrow answers are in the ANSI code page (1252 here): every section that shows one gives the text
+// back exactly in both reports; a character the code page cannot hold already reached the tool as "?".
+TEST(Replay, NarrowTextsComeBackExactlyInBothReports) {
+    struct Text { const char* path; const char* text; };
+    const Text texts[] = {
+        {"/cpu/name", "Genuine Intel® Core™ CPU"},
+        {"/mainboard/board_manufacturer", "Fabriqué à Genève"},
+        {"/mainboard/bios_vendor", "Insyde – Société"},
+        {"/mainboard/board_product", "Carte mère ™ ??"},  // 主板 is not in the code page
+        {"/memory/items/0/slot", "Bank Ä"},
+        {"/memory/items/0/maker", "Mémoire Müller™"},
+        {"/memory/items/0/part_number", "?\?-8G"},  // 内存 neither
+        {"/battery/manufacturer", "Simplo – SMP"},
+        {"/battery/name", "Akku Größe 4Z"},
+        {"/drivers/items/0/caption", "Contrôleur … série"},
+        {"/drivers/items/0/manufacturer", "Périphériques – standard"},
+    };
+    const auto [jsonStatus, json] = Replay(L"machines\\ansi-names.json", {L"report", L"--json"});
+    const auto [textStatus, text] = Replay(L"machines\\ansi-names.json", {L"report"});
+    ASSERT_EQ(jsonStatus, 0);
+    ASSERT_EQ(textStatus, 0);
+    const auto report = nlohmann::json::parse(json);
+    for (const Text& t : texts) {
+        SCOPED_TRACE(t.path);
+        EXPECT_EQ(report.at(nlohmann::json::json_pointer(t.path)).get<std::string>(), t.text);
+        EXPECT_NE(text.find(std::string(t.text) + "\n"), std::string::npos) << text;
+    }
+    for (const std::string* said : {&json, &text}) {  // no byte that is not UTF-8, no replacement character
+        EXPECT_EQ(torvex::text::Utf8(torvex::text::Wide(*said)), *said);
+        EXPECT_EQ(said->find("\xEF\xBF\xBD"), std::string::npos);
     }
 }
 

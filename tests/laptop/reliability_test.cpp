@@ -44,7 +44,7 @@ std::string MixedCall(int i) {
     uint32_t written = 0;
     const bool answered = HalQueryInformation(type, device, code, buffer, sizeof(buffer), &written) != 0;
     if (type == HAL_CLASS_WIFI || type == HAL_CLASS_DISK || type == HAL_CLASS_AUDIO) HalCloseDevice(type, device);
-    std::free(record);
+    torvex::test::FreeRecord(record);
     return answered ? std::string(buffer, written < sizeof(buffer) ? written : sizeof(buffer)) : "<none>";
 }
 

@@ -113,7 +113,7 @@ TEST(MemoryTest, InitListsEveryModuleWithItsIndexAndEntriesOutsideItAreRefused) 
     void* third = static_cast<char*>(list) + 8 + 32;
     EXPECT_EQ(Ask([third](void* b, uint32_t s, uint32_t* w) { return HalQueryInformation(13, third, 1, b, s, w); }, 7),
               "BANK 2");
-    std::free(list);
+    torvex::test::FreeRecord(list);
 
     EXPECT_EQ(AskNumber<uint32_t>(Module(3, 0), 4, 4), 3u) << "code 0 needs no valid entry";
     // Too small: the bytes it has are zeroed, and the call fails without a count.
@@ -139,7 +139,7 @@ TEST(MemoryOnWine, OneModuleWithCapacityAndClock) {
     EXPECT_EQ(words[0], 24u);
     ASSERT_EQ(words[1], 1u);
     const uint32_t index = words[4];
-    std::free(list);
+    torvex::test::FreeRecord(list);
     EXPECT_EQ(Query(index, 1), "BANK 0");
     EXPECT_NE(AskNumber<uint64_t>(Module(index, 5), 8, 8).value_or(0), 0u);
     EXPECT_NE(AskNumber<uint32_t>(Module(index, 6), 4, 4).value_or(0), 0u);

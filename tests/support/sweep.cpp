@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <vector>
 
+#include "support/record.h"
 #include "torvex.h"
 
 namespace torvex::test {
@@ -53,7 +54,7 @@ void* FirstEntry(uint32_t type, void* record) {
 void CloseRecord(uint32_t type, void* record) {
     if (record == nullptr) return;
     if (type == HAL_CLASS_WIFI || type == HAL_CLASS_AUDIO) HalCloseDevice(type, record);
-    std::free(record);
+    torvex::test::FreeRecord(record);
 }
 
 }  // namespace

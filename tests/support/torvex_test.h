@@ -11,6 +11,7 @@
 
 #include "import_patch.h"
 #include "support/handle_count.h"
+#include "support/record.h"
 #include "torvex.h"
 #include "torvex/program_directory.h"
 

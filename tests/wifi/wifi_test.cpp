@@ -37,7 +37,7 @@ protected:
     static void TearDownTestSuite() { EXPECT_EQ(torvex::test::OpenHandleCount(), handles_) << "a handle left open"; }
     void TearDown() override {
         if (record != nullptr) HalCloseDevice(HAL_CLASS_WIFI, record);
-        std::free(record);
+        torvex::test::FreeRecord(record);
         torvex::test::ExpectNothingHeld();  // while the machine still counts what it handed out
         machine.reset();
     }

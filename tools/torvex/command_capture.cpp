@@ -51,8 +51,9 @@ void AskEverything() {
     const Api& api = Library();
     for (const ClassCodes& entry : kClasses) {
         RunTrace().Scope("class " + std::to_string(entry.type));
-        void* record = nullptr;
-        const bool ready = api.HalInit(entry.type, &record) != 0;
+        const auto initialised = Init(entry.type);
+        const bool ready = initialised.ready;
+        void* record = initialised.get();
         if (entry.type == HAL_CLASS_CPU || entry.type == HAL_CLASS_MAINBOARD || entry.type == HAL_CLASS_BATTERY) {
             AskEveryCode(api, entry.type, entry.last, nullptr);
             continue;
@@ -70,7 +71,6 @@ void AskEverything() {
         if (entry.type == HAL_CLASS_DISPLAY)
             AskEveryCode(api, entry.type, entry.last, record != nullptr ? &static_cast<DisplayColorContext*>(record)->adapterIndex : nullptr);
         if (entry.type == HAL_CLASS_WIFI || entry.type == HAL_CLASS_AUDIO) api.HalCloseDevice(entry.type, record);
-        FreeRecord(record);
     }
 }
 

@@ -128,10 +128,6 @@ void PrintError(const std::string& utf8) {
     std::fwrite("\n", 1, 1, stderr);
 }
 
-std::string Narrow(const uint8_t* bytes, uint32_t length) {
-    return std::string(reinterpret_cast<const char*>(bytes), length);
-}
-
 std::optional<uint64_t> ParseNumber(const std::wstring& text) {
     if (text.empty()) return std::nullopt;
     int base = 10;

@@ -15,21 +15,18 @@ std::string WideAnswer(HalDeviceType type, void* record, uint32_t code, bool* ok
 
 bool CodecSections(std::vector<Section>& codecs, std::string& note) {
     const Api& api = Library();
-    void* raw = nullptr;
-    if (api.HalInit(HAL_CLASS_AUDIO, &raw) == 0) {
+    const auto list = Init<HalAudioDeviceList>(HAL_CLASS_AUDIO);
+    if (!list.ready) {
         note = Refused(HAL_CLASS_AUDIO, "no Realtek or Conexant codec in the media class");
         return false;
     }
-    auto* bytes = static_cast<uint8_t*>(raw);
-    HalListHeader header{};
-    std::memcpy(&header, bytes, sizeof(header));
     struct TextFact {
         const char* name;
         uint32_t code;
     };
     const TextFact texts[] = {{"description", 1}, {"manufacturer", 2}, {"driver version", 7}};
-    for (uint32_t i = 0; i < header.count; ++i) {
-        void* record = bytes + sizeof(header) + 16 * i;
+    for (uint32_t i = 0; i < list.get()->count; ++i) {
+        HalAudioDeviceRecord* record = &list.get()->records[i];
         Section item;
         item.key = "codec";
         item.title = "codec " + std::to_string(i);
@@ -49,8 +46,7 @@ bool CodecSections(std::vector<Section>& codecs, std::string& note) {
             item.Missing("problem code", "query 6 refused");
         codecs.push_back(std::move(item));
     }
-    api.HalCloseDevice(HAL_CLASS_AUDIO, raw);
-    FreeRecord(raw);
+    api.HalCloseDevice(HAL_CLASS_AUDIO, list.get());
     return true;
 }
 

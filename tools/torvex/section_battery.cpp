@@ -16,7 +16,7 @@ void Fill(Section& section) {
     for (auto [code, name] : {std::pair{HAL_BT_MANUFACTURER, "manufacturer"}, std::pair{HAL_BT_DEVICE_NAME, "name"}}) {
         char text[256] = {};
         if (api.HalQueryInformation(HAL_CLASS_BATTERY, nullptr, code, text, sizeof(text) - 1, &written))
-            section.Text(name, Narrow(reinterpret_cast<uint8_t*>(text), written));
+            section.Text(name, FromAnsi(text, written));
         else
             section.Missing(name, "not reported");
     }

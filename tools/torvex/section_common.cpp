@@ -3,13 +3,11 @@
 namespace tool {
 
 void InitOnlySection(Section& section, HalDeviceType type) {
-    void* record = nullptr;
-    if (Library().HalInit(type, &record) == 0) {
+    if (!Init(type).ready) {
         section.note = Refused(type);
         return;
     }
     section.Text("initialised", "yes");
-    FreeRecord(record);
 }
 
 std::string Refused(HalDeviceType type, const std::string& otherwise, const char* lead) {

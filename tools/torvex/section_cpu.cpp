@@ -32,7 +32,7 @@ void Fill(Section& section) {
         uint8_t buffer[256] = {};
         uint32_t written = 0;
         if (api.HalQueryInformation(HAL_CLASS_CPU, nullptr, t.code, buffer, sizeof(buffer) - 1, &written))
-            section.Text(t.name, Narrow(buffer, written));
+            section.Text(t.name, FromAnsi(buffer, written));
         else
             section.Missing(t.name, "no answer from the registry or WMI");
     }

@@ -51,12 +51,12 @@ void DescribeDisk(const Api& api, HalDiskRecord* disk, Section& item) {
 
 void Fill(Section& section) {
     const Api& api = Library();
-    void* raw = nullptr;
-    if (api.HalInit(HAL_CLASS_DISK, &raw) == 0) {
+    const auto disks = Init<HalDiskList>(HAL_CLASS_DISK);
+    if (!disks.ready) {
         section.note = Refused(HAL_CLASS_DISK, "no drive listed");
         return;
     }
-    auto* list = static_cast<HalDiskList*>(raw);
+    HalDiskList* list = disks.get();
     section.Number("drives", list->count);
     for (uint32_t i = 0; i < list->count; ++i) {
         Section item;
@@ -65,7 +65,6 @@ void Fill(Section& section) {
         DescribeDisk(api, &list->records[i], item);
         section.children.push_back(std::move(item));
     }
-    FreeRecord(list);
 }
 
 const SectionRegistration kSection(50, "disks", "Physical disks", Fill);

@@ -9,17 +9,14 @@ namespace {
 // sets take the (adapter, display) pair, which starts at the context's third word.
 struct DisplayBackend {
     bool ready = false;
-    DisplayColorContext* context = nullptr;
+    Record<DisplayColorContext> context;
     void* pair() const { return context != nullptr ? &context->adapterIndex : nullptr; }
     std::string name() const { return context != nullptr ? "AMD Display Library" : "graphics driver (COM server or Intel library)"; }
 };
 
 DisplayBackend OpenBackend() {
-    DisplayBackend backend;
-    void* out = nullptr;
-    backend.ready = Library().HalInit(HAL_CLASS_DISPLAY, &out) != 0;
-    backend.context = static_cast<DisplayColorContext*>(out);
-    return backend;
+    auto initialised = Init<DisplayColorContext>(HAL_CLASS_DISPLAY);
+    return {initialised.ready, std::move(initialised.record)};
 }
 
 void Fill(Section& section) {
@@ -36,7 +33,6 @@ void Fill(Section& section) {
         section.Number("brightness", range.current, "%");
     else
         section.Missing("brightness", "no display back end on this machine", "%");
-    FreeRecord(backend.context);
 }
 
 const SectionRegistration kSection(70, "display", "Display colour and brightness", Fill);
@@ -85,11 +81,9 @@ int RunDisplay(const std::vector<std::wstring>& args) {
         result = api.HalSetInformation(HAL_CLASS_DISPLAY, backend.pair(), HAL_DISPLAY_CHANNEL_GAINS, &request, sizeof(request), &written, 0);
         done = "channel gains set";
     } else {
-        FreeRecord(backend.context);
         return UsageError("display", "unknown display command " + Utf8(what));
     }
     const std::string served = backend.name();
-    FreeRecord(backend.context);
     if (!result) {
         PrintError("torvex display: the library refused (" + served + ")");
         return kExitRefused;

@@ -1,6 +1,4 @@
 // Report section: Devices with driver problems (class 20).
-#include <cstring>
-
 #include "tool.h"
 
 namespace tool {
@@ -8,23 +6,21 @@ namespace {
 
 void Fill(Section& section) {
     const Api& api = Library();
-    void* raw = nullptr;
-    if (api.HalInit(HAL_CLASS_DRIVER, &raw) == 0) {
+    const auto devices = Init<HalDriverProblemList>(HAL_CLASS_DRIVER);
+    if (!devices.ready) {
         section.note = Refused(HAL_CLASS_DRIVER, "no device with a problem", "none reported");
         return;
     }
-    auto* bytes = static_cast<uint8_t*>(raw);
-    HalListHeader header{};
-    std::memcpy(&header, bytes, sizeof(header));
-    section.Number("devices", header.count);
+    HalDriverProblemList* list = devices.get();
+    section.Number("devices", list->count);
     struct TextFact {
         const char* name;
         uint32_t code;
     };
     const TextFact texts[] = {{"caption", 0},      {"device ID", 1}, {"class GUID", 2},
                               {"manufacturer", 4}, {"service", 5},   {"status", 6}};
-    for (uint32_t i = 0; i < header.count; ++i) {
-        auto* caption = reinterpret_cast<wchar_t*>(bytes + sizeof(header) + 520 * i);
+    for (uint32_t i = 0; i < list->count; ++i) {
+        wchar_t* caption = list->captions[i];
         Section item;
         item.key = "device";
         item.title = "device " + std::to_string(i);
@@ -38,7 +34,7 @@ void Fill(Section& section) {
             uint32_t written = 0;
             if (api.HalQueryInformation(HAL_CLASS_DRIVER, caption, fact.code, buffer, sizeof(buffer), &written) &&
                 written < sizeof(buffer))
-                item.Text(fact.name, Narrow(reinterpret_cast<const uint8_t*>(buffer), written));
+                item.Text(fact.name, FromAnsi(buffer, written));
             else
                 item.Missing(fact.name, "query " + std::to_string(fact.code) + " refused");
         }
@@ -50,7 +46,6 @@ void Fill(Section& section) {
             item.Missing("error code", "query 3 refused");
         section.children.push_back(std::move(item));
     }
-    FreeRecord(raw);
 }
 
 const SectionRegistration kSection(90, "drivers", "Devices with driver problems", Fill);

@@ -8,14 +8,14 @@ namespace {
 
 void Fill(Section& section) {
     const Api& api = Library();
-    void* raw = nullptr;
-    if (api.HalInit(HAL_CLASS_GPU, &raw) == 0) {
+    const auto adapters = Init(HAL_CLASS_GPU);
+    if (!adapters.ready) {
         section.note = Refused(HAL_CLASS_GPU);
         return;
     }
     // Without adapters there is no list; the screen facts still answer on an empty one.
     HalListHeader empty{sizeof(HalListHeader), 0};
-    void* list = raw != nullptr ? raw : &empty;
+    void* list = adapters.get() != nullptr ? adapters.get() : &empty;
     const uint32_t count = static_cast<HalListHeader*>(list)->count;
     section.Number("adapters", count);
     struct Adapter {
@@ -62,7 +62,6 @@ void Fill(Section& section) {
         if (api.HalQueryInformation(HAL_CLASS_GPU, list, code, &value, 4, &written)) section.Number(name, value, unit);
         else section.Missing(name, "not reported", unit);
     }
-    FreeRecord(raw);
 }
 
 const SectionRegistration kSection(60, "gpu", "GPU and screen", Fill);

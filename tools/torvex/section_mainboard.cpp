@@ -33,7 +33,7 @@ void Fill(Section& section) {
             section.Missing(item.name, "not reported by the registry or WMI");
             continue;
         }
-        const std::string text = torvex::text::Utf8FromAnsi({buffer, written});
+        const std::string text = FromAnsi(buffer, written);
         section.Text(item.name, item.code == HAL_MB_BIOS_RELEASE_DATE ? DateText(text) : text);
     }
 }

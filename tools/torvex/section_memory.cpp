@@ -8,19 +8,19 @@ void AddText(const Api& api, Section& module, HalMemoryModuleEntry* entry, HalMe
     char buffer[512];
     uint32_t written = 0;
     if (api.HalQueryInformation(HAL_CLASS_MEMORY, entry, code, buffer, sizeof(buffer), &written))
-        module.Text(name, torvex::text::Utf8FromAnsi({buffer, written}));
+        module.Text(name, FromAnsi(buffer, written));
     else
         module.Missing(name, "not reported by WMI");
 }
 
 void Fill(Section& section) {
     const Api& api = Library();
-    void* raw = nullptr;
-    if (api.HalInit(HAL_CLASS_MEMORY, &raw) == 0) {
+    const auto modules = Init<HalMemoryModuleList>(HAL_CLASS_MEMORY);
+    if (!modules.ready) {
         section.note = Refused(HAL_CLASS_MEMORY, "no module listed");
         return;
     }
-    auto* list = static_cast<HalMemoryModuleList*>(raw);
+    HalMemoryModuleList* list = modules.get();
     section.Number("modules", list->count);
     uint64_t totalMib = 0;
     for (uint32_t i = 0; i < list->count; ++i) {
@@ -50,7 +50,6 @@ void Fill(Section& section) {
         section.children.push_back(std::move(module));
     }
     section.Number("total size", static_cast<double>(totalMib), "MiB");
-    FreeRecord(list);
 }
 
 const SectionRegistration kSection(30, "memory", "Memory modules", Fill);

@@ -14,12 +14,12 @@ std::string RadioText(uint32_t state) {
 
 void Fill(Section& section) {
     const Api& api = Library();
-    void* raw = nullptr;
-    if (api.HalInit(HAL_CLASS_WIFI, &raw) == 0) {
+    const auto wifi = Init<HalWifiRecord>(HAL_CLASS_WIFI);
+    if (!wifi.ready) {
         section.note = Refused(HAL_CLASS_WIFI);
         return;
     }
-    auto* record = static_cast<HalWifiRecord*>(raw);
+    HalWifiRecord* record = wifi.get();
     section.Number("interfaces", record->count);
     for (uint32_t i = 0; i < record->count; ++i) {
         Section item;
@@ -40,7 +40,6 @@ void Fill(Section& section) {
             section.Missing("radio", "the radio-state query was refused");
     }
     api.HalCloseDevice(HAL_CLASS_WIFI, record);
-    FreeRecord(record);
 }
 
 const SectionRegistration kSection(5, "wifi", "Wi-Fi radio", Fill);
@@ -49,12 +48,12 @@ int RunWifi(const std::vector<std::wstring>& args) {
     if (args.size() != 1 || (args[0] != L"on" && args[0] != L"off"))
         return UsageError("wifi", "expected 'on' or 'off'");
     const Api& api = Library();
-    void* raw = nullptr;
-    if (api.HalInit(HAL_CLASS_WIFI, &raw) == 0) {
+    const auto wifi = Init<HalWifiRecord>(HAL_CLASS_WIFI);
+    if (!wifi.ready) {
         PrintError("torvex wifi: HalInit(1) refused (no Native Wifi service)");
         return kExitRefused;
     }
-    auto* record = static_cast<HalWifiRecord*>(raw);
+    HalWifiRecord* record = wifi.get();
     int status = kExitOk;
     if (record->count == 0) {
         PrintError("torvex wifi: this machine has no wireless interface");
@@ -77,7 +76,6 @@ int RunWifi(const std::vector<std::wstring>& args) {
         }
     }
     api.HalCloseDevice(HAL_CLASS_WIFI, record);
-    FreeRecord(record);
     return status;
 }
 

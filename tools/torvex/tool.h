@@ -6,6 +6,7 @@
 #include <windows.h>
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -36,6 +37,30 @@ const Api& Library();
 
 // Free a record the library handed out (the C runtime's free, as the DLL's malloc).
 void FreeRecord(void* record);
+
+// A record the library handed out, freed when its owner goes.
+struct RecordRelease {
+    void operator()(void* record) const { FreeRecord(record); }
+};
+template <typename T = void>
+using Record = std::unique_ptr<T, RecordRelease>;
+
+// HalInit(type) with the record it hands out held: `ready` is its answer, and
+// a record it leaves behind while refusing is freed as well.
+template <typename T = void>
+struct Initialised {
+    bool ready = false;
+    Record<T> record;
+    T* get() const { return record.get(); }
+};
+template <typename T = void>
+Initialised<T> Init(HalDeviceType type) {
+    void* out = nullptr;
+    Initialised<T> result;
+    result.ready = Library().HalInit(type, &out) != 0;
+    result.record.reset(static_cast<T*>(out));
+    return result;
+}
 
 // Report model: sections of named facts, rendered as aligned text or JSON.
 struct Fact {
@@ -115,8 +140,11 @@ int UsageError(const char* command, const std::string& message);
 // Parses an unsigned decimal or 0x-hex number; nullopt when malformed.
 std::optional<uint64_t> ParseNumber(const std::wstring& text);
 
-// Narrow text answer of a query (text codes without terminator).
-std::string Narrow(const uint8_t* bytes, uint32_t length);
+// A narrow text answer (no terminator) as UTF-8: the library writes every
+// narrow answer in the system's ANSI code page.
+inline std::string FromAnsi(const void* bytes, uint32_t length) {
+    return torvex::text::Utf8FromAnsi({static_cast<const char*>(bytes), length});
+}
 
 }  // namespace tool
 

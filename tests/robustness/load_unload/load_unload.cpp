@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "support/handle_count.h"
+#include "support/record.h"
 #include "torvex.h"
 #include "torvex/program_directory.h"
 
@@ -81,7 +82,7 @@ bool Report(HMODULE module) {
         }
         if (type == HAL_CLASS_DISK && device != nullptr) close(type, device);
         if (type == HAL_CLASS_WIFI || type == HAL_CLASS_AUDIO) close(type, record);
-        std::free(record);
+        torvex::test::FreeRecord(record);
     }
     return true;
 }
