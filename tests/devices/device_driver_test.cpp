@@ -54,6 +54,11 @@ TEST_F(DeviceDriverTest, OneCaptionFieldPerProblemDeviceSplitAtEverySeparator) {
     EXPECT_EQ(List({"Bad;Device", std::string(300, 'x'), std::string(259, 'y'), "Last;"}),
               (std::vector<std::wstring>{L"2608", L"5", L"Bad", L"Device", std::wstring(260, L'\0'), y, L"Last"}))
         << "a caption that does not fit is all zeros";
+    // Texts are joined before they are cut: an empty one vanishes while nothing precedes it and stays a caption after.
+    const std::vector<std::wstring> joined = List({"", "A", "", "B;", ""});
+    ASSERT_EQ(joined.size(), 6u);
+    EXPECT_EQ(std::vector<std::wstring>({joined[0], joined[1], joined[2], joined[4]}),
+              (std::vector<std::wstring>{L"2088", L"4", L"A", L"B"}));
     EXPECT_TRUE(List({}).empty()) << "no problem device";
     EXPECT_EQ(DeviceDriverInit(nullptr), 0u);
 }
