@@ -88,7 +88,7 @@ TEST(Replay, CommandsAnswerWithTheirStatusWordsAndCalls) {
         {refuses, {L"firmware", L"super-saver-on"}, 2, "refused super-saver-on", "firmware OemWMIfun packet 030f0521 "},
         {refuses, {L"firmware", L"thermal-defaults"}, 2, "refused thermal-defaults", "firmware OemWMIfun packet 030f "},
         {refuses, {L"firmware", L"pl1"}, 2, "did not answer", "firmware OemWMIfun packet 030c01 "},
-        {laptop, {L"display", L"brightness", L"40"}, 2, "HalInit(19) refused", "library ControlLib.dll -> absent"},
+        {laptop, {L"display", L"brightness", L"40"}, 2, "HalInit(19) refused", "library ControlLib.dll [ControlLib.dll, flags 0xA00] -> absent"},
         {laptop, {L"uninstall", L"system", L"PCI\\NOT_HERE", L"--yes"}, 2, "no present device",
          "setupapi open {4D36E97D-E325-11CE-BFC1-08002BE10318} DIGCF_PRESENT -> 2 devices"},
         {desktop, chargeControl, 2, "refused", "firmware class OemWMIMethod in ROOT\\WMI -> absent"},
