@@ -65,12 +65,57 @@ cat >$P-nothing.json <<'JSON'
 JSON
 check "a machine that answers nothing" 0 $T replay $P-nothing.json report --json
 cp /tmp/torvex-out.$$ "$P-report-nothing.json"
+# Every profile of the tree replays; a torvex-machine/1 one is also written as /2 by `upgrade`, and the two
+# replay to the same report. The profiles are held to the schema in their current form.
+current=()
 for machine in "$MACHINES"/*.json; do
-  check "replay of $(basename "$machine")" 0 $T replay "$machine" report --json
-  cp /tmp/torvex-out.$$ "$P-report-$(basename "$machine")"
+  name=$(basename "$machine")
+  check "replay of $name" 0 $T replay "$machine" report --json
+  cp /tmp/torvex-out.$$ "$P-report-$name"
+  if grep -q '"schema": "torvex-machine/1"' "$machine"; then
+    check "upgrade of $name" 0 $T upgrade "$machine" "$P-upgraded-$name"
+    check "replay of $name upgraded" 0 $T replay "$P-upgraded-$name" report --json
+    cmp -s /tmp/torvex-out.$$ "$P-report-$name" || { echo "FAIL: $name replays differently once upgraded"; fail=1; }
+    current+=("$P-upgraded-$name")
+  else
+    current+=("$machine")
+  fi
 done
+check "upgrade over an existing file" 1 $T upgrade "$MACHINES/wine.json" "$P.json"
 /usr/bin/python3 "$HERE/check_schema.py" "$SCHEMA" "$P"-report-*.json || fail=1
 /usr/bin/python3 "$HERE/check_profiles.py" "$PROFILE_SCHEMA" "$MACHINES/intel-laptop.json" $P-redacted.json \
-  "$MACHINES"/*.json $P.json || fail=1
-rm -f /tmp/torvex-out.$$ /tmp/torvex-err.$$ /tmp/torvex-report.$$ $P*
+  "${current[@]}" $P.json || fail=1
+
+# torvex diff: the same machine twice, and live against its own capture, differ in nothing (exit 0); one changed
+# fact is that fact (exit 1), in text and in JSON; a profile that cannot be read is trouble (exit 2).
+check "diff of a profile with itself" 0 $T diff "$MACHINES/intel-laptop.json" "$MACHINES/intel-laptop.json"
+tr -d '\r' </tmp/torvex-out.$$ | grep -qx "no fact differs" || { echo "FAIL: diff of a profile with itself says:"; cat /tmp/torvex-out.$$; fail=1; }
+check "diff of live with its capture" 0 $T diff live $P.json
+check "diff of a profile with its redacted capture" 0 $T diff "$MACHINES/intel-laptop.json" $P-redacted.json
+/usr/bin/python3 - "$P.json" "$P-changed.json" <<'PY'
+import json, sys
+profile = json.load(open(sys.argv[1], encoding="utf-8"))
+profile["wmi"]["ROOT\\CIMV2"]["queries"]["SELECT Product FROM Win32_BaseBoard"]["rows"][0]["Product"] = "Changed Board"
+json.dump(profile, open(sys.argv[2], "w", encoding="utf-8"))
+PY
+code=0; $T diff $P.json $P-changed.json >/tmp/torvex-out.$$ 2>/tmp/torvex-err.$$ || code=$?
+tr -d '\r' </tmp/torvex-out.$$ >/tmp/torvex-diff.$$
+if [ "$code" != 1 ] || ! grep -qx '== mainboard ==' /tmp/torvex-diff.$$ || ! grep -q '^  board_product .*|  Changed Board$' /tmp/torvex-diff.$$ ||
+   ! grep -qx "1 fact differs in 1 section" /tmp/torvex-diff.$$; then
+  echo "FAIL: diff of one changed fact: exit $code"; cat /tmp/torvex-out.$$ /tmp/torvex-err.$$; fail=1
+else
+  echo "ok: diff of one changed fact"
+fi
+code=0; $T diff live $P-changed.json --json >/tmp/torvex-out.$$ 2>/tmp/torvex-err.$$ || code=$?
+/usr/bin/python3 - /tmp/torvex-out.$$ "$code" <<'PY' || fail=1
+import json, sys
+diff = json.load(open(sys.argv[1], encoding="utf-8"))
+expected = {"mainboard": [{"fact": "board_product", "a": "Base Board", "b": "Changed Board"}]}
+ok = sys.argv[2] == "1" and diff["schema"] == "torvex-diff/1" and diff["differ"] is True and diff["sections"] == expected
+print("ok: diff --json of one changed fact" if ok else f"FAIL: diff --json of one changed fact (exit {sys.argv[2]}): {diff}")
+sys.exit(0 if ok else 1)
+PY
+check "diff of a profile that cannot be read" 2 $T diff $P.json $P-bad.json
+check "diff without a second side" 2 $T diff $P.json
+rm -f /tmp/torvex-out.$$ /tmp/torvex-err.$$ /tmp/torvex-diff.$$ /tmp/torvex-report.$$ $P*
 exit $fail
