@@ -188,7 +188,7 @@ int AdapterInfo(void* context, void** info) {
     if (Active().live()) {
         const int result = Real<AdapterInfoFn>(kAdapterInfo)(context, info);
         int count = 0;
-        if (result == 0) Real<AdapterCountFn>(kAdapterCount)(context, &count);
+        if (result == 0 && g_real[kAdapterCount] != nullptr) Real<AdapterCountFn>(kAdapterCount)(context, &count);
         answer = WithResult(result, EncodeAdapters(result == 0 ? *info : nullptr, count));
     } else {
         const Json* found = Answer("adapters");

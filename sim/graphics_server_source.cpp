@@ -22,17 +22,11 @@
 #include "vendor.h"
 
 namespace torvex::sim::detail {
-namespace {
-
-constexpr char kMember[] = "graphics_server";
-constexpr IID kServerInterface = {0xF932C038, 0x6484, 0x45CA, {0x8F, 0xA1, 0x7C, 0x8C, 0x27, 0x9F, 0x7A, 0xEE}};
-constexpr uint32_t kMaxBytes = 65536;
-constexpr HRESULT kDisconnected = RPC_E_DISCONNECTED;
-
-std::atomic<long> g_servers{0};
 
 // The server's table as the library uses it: the 4th entry (name to display
-// identifier), the 27th (gamma ramp) and the 44th (generic get).
+// identifier), the 27th (gamma ramp) and the 44th (generic get). Outside the
+// unnamed namespace: live, the objects called through it are the driver's,
+// so the compiler must not assume it has seen every implementation.
 struct ServerShape : IUnknown {
     virtual HRESULT STDMETHODCALLTYPE DisplayIdFromName(BSTR name, uint32_t reserved, uint32_t* id, uint32_t* status) = 0;
 #define TORVEX_UNUSED_ENTRY(n) \
@@ -51,6 +45,15 @@ struct ServerShape : IUnknown {
 #undef TORVEX_UNUSED_ENTRY
     virtual HRESULT STDMETHODCALLTYPE GetGeneric(const GUID& request, uint32_t size, void* data, uint32_t* status) = 0;
 };
+
+namespace {
+
+constexpr char kMember[] = "graphics_server";
+constexpr IID kServerInterface = {0xF932C038, 0x6484, 0x45CA, {0x8F, 0xA1, 0x7C, 0x8C, 0x27, 0x9F, 0x7A, 0xEE}};
+constexpr uint32_t kMaxBytes = 65536;
+constexpr HRESULT kDisconnected = RPC_E_DISCONNECTED;
+
+std::atomic<long> g_servers{0};
 
 std::string BytesKey(const void* data, size_t size) {
     const auto* bytes = static_cast<const uint8_t*>(data);

@@ -145,6 +145,7 @@ void KeepCount(bool devices, const Handle& from, size_t count) {
 
 void KeepResult(Json* node, const char* member, uint32_t result) {
     if (node == nullptr) return;
+    if (!node->is_object()) *node = Json::object();
     if (result != 0) (*node)[member] = result;
     else node->erase(member);
 }
@@ -423,10 +424,10 @@ size_t HeldIgclHandles() {
 // Capture asks the live library what a set would read first (its devices,
 // outputs, their properties and blocks), so that a replayed set finds them.
 void ProbeIgcl(HMODULE module, FARPROC (WINAPI* proc)(HMODULE, LPCSTR)) {
-    for (size_t e = 0; e < kEntries; ++e) {
+    for (size_t e = 0; e < kEntries; ++e) {  // what it reads; the set is not needed
         FARPROC real = proc(module, kNames[e]);
-        if (real == nullptr) return;
-        g_real[e] = real;
+        if (real == nullptr && e != kSetConfig) return;
+        if (real != nullptr) g_real[e] = real;
     }
     uint8_t args[36] = {};
     PutU32(args, 0, sizeof(args));

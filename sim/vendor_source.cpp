@@ -317,12 +317,13 @@ void RecordVendorPresence() {
         const Json* current = kept != nullptr ? Child(kept, name) : nullptr;
         if (current == nullptr || !current->is_object()) Keep({"vendor", name}, exists);
     };
-    // The Intel library as a set would read it, when the library loaded it.
+    // The Intel library as a set would read it, when the library loaded it;
+    // through the same calls the library's loads go to.
     if (const Json* vendor = KeepNode({"vendor"}); vendor != nullptr && Child(vendor, kIgclLibrary.file) != nullptr &&
-                                                   Child(vendor, kIgclLibrary.file)->is_object()) {
-        if (HMODULE module = LoadLibraryExW(L"ControlLib.dll", nullptr, 0xA00)) {
-            ProbeIgcl(module, &GetProcAddress);
-            FreeLibrary(module);
+                                                   Child(vendor, kIgclLibrary.file)->is_object() && g_loadEx != nullptr) {
+        if (HMODULE module = g_loadEx(L"ControlLib.dll", nullptr, 0xA00)) {
+            ProbeIgcl(module, g_proc);
+            g_free(module);
         }
     }
     note(kAdlLibrary.file, FileExists(SystemDirectory() + L"\\atiadlxx.dll"));
