@@ -81,6 +81,30 @@ for machine in "$MACHINES"/*.json; do
     current+=("$machine")
   fi
 done
+# Each display back end, and the enclave service beside the host, as their profiles replay them (a process each:
+# the library chooses its back end once per process).
+/usr/bin/python3 - "$P" <<'PY' || fail=1
+import json, sys
+expected = {
+    "amd-radeon-desktop": {"back_end": "AMD Display Library", "colour_temperature_k": 6500, "brightness_adjustment": 0,
+                           "brightness_percent": None},
+    "hybrid-graphics-laptop": {"back_end": "graphics driver's COM server", "brightness_percent": 70},
+    "intel-igcl-laptop": {"back_end": "Intel Graphics Control Library", "brightness_percent": None},
+}
+failures = []
+for name, facts in expected.items():
+    report = json.load(open(f"{sys.argv[1]}-report-{name}.json", encoding="utf-8"))
+    display = report["display"]
+    failures += [f"{name}: display {key} is {display.get(key, '(absent)')!r}, not {value!r}"
+                 for key, value in facts.items() if display.get(key, "(absent)") != value]
+    if not display["available"]:
+        failures.append(f"{name}: display not available")
+    service = "yes" if name == "intel-igcl-laptop" else "no"
+    if not report["enclave"]["note"].endswith(f"Vaultrun.dll beside the host: {service})"):
+        failures.append(f"{name}: enclave note {report['enclave']['note']!r}")
+print("\n".join(f"FAIL: {f}" for f in failures) or "ok: every display back end and the enclave service replayed")
+sys.exit(1 if failures else 0)
+PY
 check "upgrade over an existing file" 1 $T upgrade "$MACHINES/wine.json" "$P.json"
 /usr/bin/python3 "$HERE/check_schema.py" "$SCHEMA" "$P"-report-*.json || fail=1
 /usr/bin/python3 "$HERE/check_profiles.py" "$PROFILE_SCHEMA" "$MACHINES/intel-laptop.json" $P-redacted.json \

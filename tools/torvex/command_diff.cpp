@@ -45,7 +45,7 @@ std::vector<int> Symbols(const std::string& text) {
 
 void Flatten(const ReportJson& object, const std::string& prefix, std::vector<std::pair<std::string, const ReportJson*>>& facts) {
     for (auto it = object.begin(); it != object.end(); ++it) {
-        if (it.key() == "reasons" || it.key() == "note") continue;
+        if (it.key() == "reasons" || it.key() == "sources" || it.key() == "note") continue;
         if (it.key() == "items" && it->is_array()) {
             for (size_t i = 0; i < it->size(); ++i)
                 Flatten((*it)[i], prefix + "items[" + std::to_string(i) + "].", facts);
@@ -203,8 +203,11 @@ std::string Shown(const ReportJson* value, const std::string& reason) {
 void PrintText(const std::string& a, const std::string& b, const std::vector<Difference>& differences) {
     PrintLine("torvex diff: " + a + " | " + b);
     std::string section;
-    size_t width = 0;
-    for (const Difference& d : differences) width = std::max(width, d.fact.size());
+    size_t width = 0, left = 0;  // of the facts' names, and of A's values (up to 48)
+    for (const Difference& d : differences) {
+        width = std::max(width, d.fact.size());
+        left = std::max(left, std::min<size_t>(Shown(d.a, d.aReason).size(), 48));
+    }
     size_t sections = 0;
     for (const Difference& d : differences) {
         if (d.section != section) {
@@ -212,8 +215,9 @@ void PrintText(const std::string& a, const std::string& b, const std::vector<Dif
             ++sections;
             PrintLine("== " + section + " ==");
         }
-        PrintLine("  " + d.fact + std::string(width - d.fact.size() + 2, ' ') + Shown(d.a, d.aReason) + "  |  " +
-                  Shown(d.b, d.bReason));
+        const std::string a = Shown(d.a, d.aReason);
+        PrintLine("  " + d.fact + std::string(width - d.fact.size() + 2, ' ') + a +
+                  std::string(a.size() < left ? left - a.size() : 0, ' ') + "  |  " + Shown(d.b, d.bReason));
     }
     PrintLine(differences.empty() ? "no fact differs"
                                   : std::to_string(differences.size()) + (differences.size() == 1 ? " fact differs" : " facts differ") +

@@ -1,6 +1,7 @@
 // Two JSON reports side by side: the facts that differ, by section. Used by
 // `torvex diff`; a fact is any member of a section or of one of its items,
-// except the words that explain (a section's "note", an object's "reasons").
+// except the words that explain (a section's "note", an object's "reasons" and
+// "sources").
 #pragma once
 
 #include <nlohmann/json.hpp>
