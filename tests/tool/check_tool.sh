@@ -105,6 +105,7 @@ for name, facts in expected.items():
 print("\n".join(f"FAIL: {f}" for f in failures) or "ok: every display back end and the enclave service replayed")
 sys.exit(1 if failures else 0)
 PY
+/usr/bin/python3 "$HERE/check_real_laptop.py" "$P-report-dell-inspiron-5521.json" || fail=1
 check "upgrade over an existing file" 1 $T upgrade "$MACHINES/wine.json" "$P.json"
 /usr/bin/python3 "$HERE/check_schema.py" "$SCHEMA" "$P"-report-*.json || fail=1
 /usr/bin/python3 "$HERE/check_profiles.py" "$PROFILE_SCHEMA" "$MACHINES/intel-laptop.json" $P-redacted.json \
