@@ -23,29 +23,6 @@
 
 namespace torvex::sim::detail {
 
-// The server's table as the library uses it: the 4th entry (name to display
-// identifier), the 27th (gamma ramp) and the 44th (generic get). Outside the
-// unnamed namespace: live, the objects called through it are the driver's,
-// so the compiler must not assume it has seen every implementation.
-struct ServerShape : IUnknown {
-    virtual HRESULT STDMETHODCALLTYPE DisplayIdFromName(BSTR name, uint32_t reserved, uint32_t* id, uint32_t* status) = 0;
-#define TORVEX_UNUSED_ENTRY(n) \
-    virtual HRESULT STDMETHODCALLTYPE Unused##n() { return E_NOTIMPL; }
-    TORVEX_UNUSED_ENTRY(5) TORVEX_UNUSED_ENTRY(6) TORVEX_UNUSED_ENTRY(7) TORVEX_UNUSED_ENTRY(8)
-    TORVEX_UNUSED_ENTRY(9) TORVEX_UNUSED_ENTRY(10) TORVEX_UNUSED_ENTRY(11) TORVEX_UNUSED_ENTRY(12)
-    TORVEX_UNUSED_ENTRY(13) TORVEX_UNUSED_ENTRY(14) TORVEX_UNUSED_ENTRY(15) TORVEX_UNUSED_ENTRY(16)
-    TORVEX_UNUSED_ENTRY(17) TORVEX_UNUSED_ENTRY(18) TORVEX_UNUSED_ENTRY(19) TORVEX_UNUSED_ENTRY(20)
-    TORVEX_UNUSED_ENTRY(21) TORVEX_UNUSED_ENTRY(22) TORVEX_UNUSED_ENTRY(23) TORVEX_UNUSED_ENTRY(24)
-    TORVEX_UNUSED_ENTRY(25) TORVEX_UNUSED_ENTRY(26)
-    virtual HRESULT STDMETHODCALLTYPE SetGammaRamp(uint32_t id, uint32_t size, void* ramp, uint32_t* status) = 0;
-    TORVEX_UNUSED_ENTRY(28) TORVEX_UNUSED_ENTRY(29) TORVEX_UNUSED_ENTRY(30) TORVEX_UNUSED_ENTRY(31)
-    TORVEX_UNUSED_ENTRY(32) TORVEX_UNUSED_ENTRY(33) TORVEX_UNUSED_ENTRY(34) TORVEX_UNUSED_ENTRY(35)
-    TORVEX_UNUSED_ENTRY(36) TORVEX_UNUSED_ENTRY(37) TORVEX_UNUSED_ENTRY(38) TORVEX_UNUSED_ENTRY(39)
-    TORVEX_UNUSED_ENTRY(40) TORVEX_UNUSED_ENTRY(41) TORVEX_UNUSED_ENTRY(42) TORVEX_UNUSED_ENTRY(43)
-#undef TORVEX_UNUSED_ENTRY
-    virtual HRESULT STDMETHODCALLTYPE GetGeneric(const GUID& request, uint32_t size, void* data, uint32_t* status) = 0;
-};
-
 namespace {
 
 constexpr char kMember[] = "graphics_server";
@@ -77,9 +54,9 @@ HRESULT ErrorOf(const Json& answer) {
 
 // A server object: the live one wrapped, or one answering from the profile.
 // Not counted among the machine's COM objects: the library keeps it.
-class SimServer final : public ServerShape {
+class SimServer final : public GraphicsServerShape {
 public:
-    SimServer(IUnknown* unknown, ServerShape* real) : unknown_(unknown), real_(real) { ++g_servers; }
+    SimServer(IUnknown* unknown, GraphicsServerShape* real) : unknown_(unknown), real_(real) { ++g_servers; }
     ~SimServer() {
         if (real_ != nullptr) real_->Release();
         if (unknown_ != nullptr) unknown_->Release();
@@ -90,7 +67,7 @@ public:
         if (out == nullptr) return E_POINTER;
         *out = nullptr;
         if (IsEqualIID(iid, IID_IUnknown) || (IsEqualIID(iid, kServerInterface) && (real_ != nullptr || unknown_ == nullptr))) {
-            *out = static_cast<ServerShape*>(this);
+            *out = static_cast<GraphicsServerShape*>(this);
             AddRef();
             return S_OK;
         }
@@ -179,7 +156,7 @@ public:
 private:
     std::atomic<long> refs_{1};
     IUnknown* unknown_;   // the live object, null under replay
-    ServerShape* real_;   // its server interface
+    GraphicsServerShape* real_;   // its server interface
 };
 
 // "{GUID} SIZE HEX", SIZE up to 65536 and HEX no longer than SIZE bytes.
@@ -239,7 +216,7 @@ HRESULT CreateGraphicsServer(REFCLSID clsid, LPUNKNOWN outer, DWORD context, REF
         IUnknown* unknown = nullptr;
         hr = real(clsid, outer, context, IID_IUnknown, reinterpret_cast<void**>(&unknown));
         Lock lock(Active().mutex);
-        ServerShape* shape = nullptr;
+        GraphicsServerShape* shape = nullptr;
         if (SUCCEEDED(hr) && unknown != nullptr) {
             if (FAILED(unknown->QueryInterface(kServerInterface, reinterpret_cast<void**>(&shape)))) shape = nullptr;
             server = new SimServer(unknown, shape);

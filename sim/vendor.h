@@ -66,6 +66,31 @@ bool Missing(const Json& library, const char* name);
 // finds them; nothing is changed.
 void ProbeIgcl(HMODULE module, FARPROC(WINAPI* proc)(HMODULE, LPCSTR));
 
+// The server's table as the library uses it: the 4th entry (name to display
+// identifier), the 27th (gamma ramp) and the 44th (generic get). Outside the
+// unnamed namespace: live, the objects called through it are the driver's,
+// so the compiler must not assume it has seen every implementation. Declared
+// here apart from the library's own declaration, so that a table the
+// library gets wrong shows under replay.
+struct GraphicsServerShape : IUnknown {
+    virtual HRESULT STDMETHODCALLTYPE DisplayIdFromName(BSTR name, uint32_t reserved, uint32_t* id, uint32_t* status) = 0;
+#define TORVEX_UNUSED_ENTRY(n) \
+    virtual HRESULT STDMETHODCALLTYPE Unused##n() { return E_NOTIMPL; }
+    TORVEX_UNUSED_ENTRY(5) TORVEX_UNUSED_ENTRY(6) TORVEX_UNUSED_ENTRY(7) TORVEX_UNUSED_ENTRY(8)
+    TORVEX_UNUSED_ENTRY(9) TORVEX_UNUSED_ENTRY(10) TORVEX_UNUSED_ENTRY(11) TORVEX_UNUSED_ENTRY(12)
+    TORVEX_UNUSED_ENTRY(13) TORVEX_UNUSED_ENTRY(14) TORVEX_UNUSED_ENTRY(15) TORVEX_UNUSED_ENTRY(16)
+    TORVEX_UNUSED_ENTRY(17) TORVEX_UNUSED_ENTRY(18) TORVEX_UNUSED_ENTRY(19) TORVEX_UNUSED_ENTRY(20)
+    TORVEX_UNUSED_ENTRY(21) TORVEX_UNUSED_ENTRY(22) TORVEX_UNUSED_ENTRY(23) TORVEX_UNUSED_ENTRY(24)
+    TORVEX_UNUSED_ENTRY(25) TORVEX_UNUSED_ENTRY(26)
+    virtual HRESULT STDMETHODCALLTYPE SetGammaRamp(uint32_t id, uint32_t size, void* ramp, uint32_t* status) = 0;
+    TORVEX_UNUSED_ENTRY(28) TORVEX_UNUSED_ENTRY(29) TORVEX_UNUSED_ENTRY(30) TORVEX_UNUSED_ENTRY(31)
+    TORVEX_UNUSED_ENTRY(32) TORVEX_UNUSED_ENTRY(33) TORVEX_UNUSED_ENTRY(34) TORVEX_UNUSED_ENTRY(35)
+    TORVEX_UNUSED_ENTRY(36) TORVEX_UNUSED_ENTRY(37) TORVEX_UNUSED_ENTRY(38) TORVEX_UNUSED_ENTRY(39)
+    TORVEX_UNUSED_ENTRY(40) TORVEX_UNUSED_ENTRY(41) TORVEX_UNUSED_ENTRY(42) TORVEX_UNUSED_ENTRY(43)
+#undef TORVEX_UNUSED_ENTRY
+    virtual HRESULT STDMETHODCALLTYPE GetGeneric(const GUID& request, uint32_t size, void* data, uint32_t* status) = 0;
+};
+
 // The graphics driver's COM server (graphics_server_source.cpp): the member
 // "graphics_server", and its objects, which the library keeps for the process.
 void ValidateGraphicsServer(const Json& recorded, const At& at);
