@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Latency benchmark: builds (scripts/setup.sh), runs torvex_bench.exe under
-# Wine, then measures the wall time of the whole `torvex report`.
+# Wine, then measures the wall time of the whole `torvex report`, of a
+# capture, of replays (vendor libraries included) and of `torvex diff`.
 # Extra arguments go to torvex_bench.exe, e.g. --iterations 50.
 # TORVEX_REPORT_RUNS sets how many reports are timed (default 5).
 set -euo pipefail
@@ -45,7 +46,8 @@ first=$(time_command report)
 # Live report, a whole capture, and the report replayed from that capture,
 # side by side in one series: each round runs the three once.
 PROFILE=$(mktemp --suffix=.json)
-trap 'rm -f "$PROFILE"' EXIT
+RECORDED=$(mktemp --suffix=.json)
+trap 'rm -f "$PROFILE" "$RECORDED"' EXIT
 live=() capture=() replay=()
 for ((i = 0; i < RUNS; i++)); do
   live+=("$(time_command report)")
@@ -62,3 +64,28 @@ verdict() { if "$@"; then echo PASS; else echo ABOVE; fi; }
 echo "goal: report < 1000 ms: $(verdict test "$live_median" -lt 1000)"
 echo "goal: capture < 2000 ms: $(verdict test "$capture_median" -lt 2000)"
 echo "goal: replayed report no slower than the live one: $(verdict test "$replay_median" -le "$live_median")"
+
+# The machines of each display back end: their report replayed, and a capture
+# of that replay (every answer, vendor libraries included, recorded again);
+# then torvex diff of two of them (two torvex.exe processes and the comparison).
+MACHINES="$ROOT/tests/machines"
+for machine in amd-radeon-desktop hybrid-graphics-laptop intel-igcl-laptop; do
+  file=$(winepath -w "$MACHINES/$machine.json")
+  report=() recapture=()
+  for ((i = 0; i < RUNS; i++)); do
+    report+=("$(time_command replay "$file" report)")
+    rm -f "$RECORDED"
+    recapture+=("$(time_command replay "$file" capture "$(winepath -w "$RECORDED")")")
+  done
+  echo "$machine: replayed report median $(median "${report[@]}") ms, capture of the replay median $(median "${recapture[@]}") ms"
+done
+diffs=()
+for ((i = 0; i < RUNS; i++)); do
+  start=$(now_ms)
+  status=0
+  wine "$BUILD/bin/torvex.exe" diff "$(winepath -w "$MACHINES/intel-laptop.json")" \
+    "$(winepath -w "$MACHINES/amd-desktop.json")" >/dev/null || status=$?
+  [ "$status" = 1 ] || { echo "bench: torvex diff ended with $status, not 1" >&2; exit 1; }
+  diffs+=("$(( $(now_ms) - start ))")
+done
+echo "torvex diff of two profiles: median $(median "${diffs[@]}") ms (runs: ${diffs[*]} ms)"
