@@ -56,13 +56,13 @@ std::string ParseMessage(const std::string& what) {
     return at == std::string::npos ? what : what.substr(at);
 }
 
-// "line 3, column 5" of a byte offset into the text.
-std::string Place(const std::string& text, size_t offset) {
-    offset = std::min(offset, text.size());
+// "line 3, column 5" of the character at `index` (both counted from 1).
+std::string Place(const std::string& text, size_t index) {
+    index = std::min(index, text.size());
     size_t line = 1, lineStart = 0;
-    for (size_t i = 0; i < offset; ++i)
+    for (size_t i = 0; i < index; ++i)
         if (text[i] == '\n') ++line, lineStart = i + 1;
-    return "line " + std::to_string(line) + ", column " + std::to_string(offset - lineStart);
+    return "line " + std::to_string(line) + ", column " + std::to_string(index - lineStart + 1);
 }
 
 // Builds the document in one pass over the text and refuses on the way what
@@ -102,7 +102,8 @@ public:
         if (dynamic_cast<const Json::parse_error*>(&e) != nullptr)
             throw ProfileError(ParseMessage(e.what()) + " (expected a JSON document)");
         // The one other refusal of the parser: a number beyond what a double holds (1e400).
-        throw ProfileError(Place(text_, offset) + ": the number " + token +
+        // `offset` is just past the number: the message points at its start.
+        throw ProfileError(Place(text_, offset - std::min(offset, token.size())) + ": the number " + token +
                            " is out of range (expected a number between -1.7e308 and 1.7e308)");
     }
 
