@@ -145,14 +145,15 @@ bool UserAttached(const std::string& instanceId) {
 
 // ---------------------------------------------------------------- policy
 
-enum class Kind { Serial, UniqueId, Address, InstanceId, DeviceName, InterfaceGuid, AdapterLuid, VideoKey };
 enum class Target { Value, Names, Texts };
 // How a value at a place is replaced:
 //  Whole       the whole value; texts become placeholders, hex bytes, GUIDs and
 //              numbers keyed values of the same shape
 //  InstanceId  an instance ID's unique part and any Bluetooth address in it
 //  AnyId       the same, for a text that is an instance ID (a known
-//              enumerator, three parts) or a device path; other texts stay
+//              enumerator, three parts) or a device path; in any other text,
+//              the unique parts of the profile's instance IDs where they stand
+//              as a path step ("...\\4C530001&0\"")
 //  DevicePath  the instance ID inside a device interface path
 //  EnumKey     the instance ID in a registry path below "...\Enum\"
 //  Query       the literals a WQL text compares with the WMI properties above
@@ -167,7 +168,7 @@ class Redactor;
 using Condition = bool (*)(const Redactor&, const Path&, const Json&);
 
 struct Row {
-    Kind kind;
+    const char* kind;
     const char* place;  // pointer pattern: "*" any member or index, "*text*" any name holding "text"
     Target target;
     Form form;
@@ -177,92 +178,93 @@ struct Row {
 
 bool PersonalName(const Redactor&, const Path&, const Json&);
 bool UserAttachedNode(const Redactor&, const Path& path, const Json&) { return path.size() > 2 && UserAttached(path[2]); }
+bool UserAttachedKey(const Redactor&, const Path& path, const Json&);
 bool BatteryIdentity(const Redactor&, const Path& path, const Json&);
 
 constexpr char kWmiRow[] = "/wmi/*/queries/*/rows/*/";
+
+// The kinds of identifying values.
+constexpr char kSerial[] = "serial number";
+constexpr char kUniqueId[] = "unique identifier";
+constexpr char kAddress[] = "hardware address";
+constexpr char kInstanceId[] = "device instance ID";
+constexpr char kDeviceName[] = "device name";
+constexpr char kInterfaceGuid[] = "interface GUID";
+constexpr char kAdapterLuid[] = "adapter LUID";
+constexpr char kVideoKey[] = "video key GUID";
+constexpr char kCompared[] = "any of the WMI kinds above";
 
 // The policy. Value rows take the first one that applies, in this order;
 // "every text" rows apply to every text and member name beneath them that no
 // value row took. Adding a place is one row.
 const Row kPolicy[] = {
-    {Kind::Serial, "/wmi/*/queries/*/rows/*/*serial*", Target::Value, Form::Whole, nullptr,
-     "any WMI property whose name holds \"Serial\" (disks, memory modules, board, BIOS, batteries)"},
-    {Kind::Serial, "/wmi/*/queries/*/rows/*/IdentifyingNumber", Target::Value, Form::Whole, nullptr, "the machine's serial number"},
-    {Kind::Serial, "/wmi/*/queries/*/rows/*/UniqueID", Target::Value, Form::Whole, nullptr, "a battery's unique ID"},
-    {Kind::UniqueId, "/wmi/*/queries/*/rows/*/UUID", Target::Value, Form::Whole, nullptr, "the machine's UUID"},
-    {Kind::UniqueId, "/wmi/*/queries/*/rows/*/ProcessorId", Target::Value, Form::Whole, nullptr, "the processor ID"},
-    {Kind::Address, "/wmi/*/queries/*/rows/*/*MACAddress*", Target::Value, Form::Whole, nullptr, "network adapters"},
-    {Kind::Address, "/wmi/*/queries/*/rows/*/PermanentAddress", Target::Value, Form::Whole, nullptr, "network adapters"},
-    {Kind::InstanceId, "/wmi/*/queries/*/rows/*/DeviceID", Target::Value, Form::InstanceId, nullptr,
-     "Win32_PnPEntity and others (texts that are no instance ID, such as \\\\.\\PHYSICALDRIVE0, stay)"},
-    {Kind::InstanceId, "/wmi/*/queries/*/rows/*/PNPDeviceID", Target::Value, Form::InstanceId, nullptr, "monitors and others"},
-    {Kind::DeviceName, "/wmi/*/queries/*/rows/*/Caption", Target::Value, Form::Whole, PersonalName,
+    {kSerial, "/wmi/*/queries/*/rows/*/*serial*", Target::Value, Form::Whole, nullptr,
+     "any WMI property whose name holds `Serial`: disks, memory modules, board, BIOS, batteries"},
+    {kSerial, "/wmi/*/queries/*/rows/*/IdentifyingNumber", Target::Value, Form::Whole, nullptr, "the machine's serial number"},
+    {kSerial, "/wmi/*/queries/*/rows/*/UniqueID", Target::Value, Form::Whole, nullptr, "a battery's unique ID"},
+    {kUniqueId, "/wmi/*/queries/*/rows/*/UUID", Target::Value, Form::Whole, nullptr, "the machine's UUID"},
+    {kUniqueId, "/wmi/*/queries/*/rows/*/ProcessorId", Target::Value, Form::Whole, nullptr, "the processor ID"},
+    {kAddress, "/wmi/*/queries/*/rows/*/*MACAddress*", Target::Value, Form::Whole, nullptr, "network adapters"},
+    {kAddress, "/wmi/*/queries/*/rows/*/PermanentAddress", Target::Value, Form::Whole, nullptr, "network adapters"},
+    {kInstanceId, "/wmi/*/queries/*/rows/*/DeviceID", Target::Value, Form::InstanceId, nullptr,
+     "`Win32_PnPEntity` and others; a text that is no instance ID, such as `\\\\.\\PHYSICALDRIVE0`, stays"},
+    {kInstanceId, "/wmi/*/queries/*/rows/*/PNPDeviceID", Target::Value, Form::InstanceId, nullptr, "monitors and others"},
+    {kDeviceName, "/wmi/*/queries/*/rows/*/Caption", Target::Value, Form::Whole, PersonalName,
      "when it names a user-attached device"},
-    {Kind::DeviceName, "/wmi/*/queries/*/rows/*/Name", Target::Value, Form::Whole, PersonalName, "the same"},
-    {Kind::DeviceName, "/wmi/*/queries/*/rows/*/Description", Target::Value, Form::Whole, PersonalName, "the same"},
-    {Kind::InstanceId, "/wmi/*/queries/*/rows/*/*", Target::Value, Form::AnyId, nullptr,
+    {kDeviceName, "/wmi/*/queries/*/rows/*/Name", Target::Value, Form::Whole, PersonalName, "the same"},
+    {kDeviceName, "/wmi/*/queries/*/rows/*/Description", Target::Value, Form::Whole, PersonalName, "the same"},
+    {kInstanceId, "/wmi/*/queries/*/rows/*/*", Target::Value, Form::AnyId, nullptr,
      "any other WMI text that is an instance ID or a device path"},
-    {Kind::InstanceId, "/wmi/*/queries", Target::Names, Form::Query, nullptr,
+    {kCompared, "/wmi/*/queries", Target::Names, Form::Query, nullptr,
      "query texts: a literal compared with a property above is replaced as that property's value"},
-    {Kind::Serial, "/registry/*/*serial*", Target::Value, Form::Whole, nullptr, "any registry value whose name holds \"Serial\""},
-    {Kind::UniqueId, "/registry/*/MachineGuid", Target::Value, Form::Whole, nullptr, "the installation's ID"},
-    {Kind::Address, "/registry/*/NetworkAddress", Target::Value, Form::Whole, nullptr, "a network adapter's set address"},
-    {Kind::InstanceId, "/registry/*/*", Target::Value, Form::AnyId, nullptr,
+    {kSerial, "/registry/*/*serial*", Target::Value, Form::Whole, nullptr, "any registry value whose name holds `Serial`"},
+    {kDeviceName, "/registry/*/FriendlyName", Target::Value, Form::Whole, UserAttachedKey,
+     "in the Enum key of a user-attached device"},
+    {kDeviceName, "/registry/*/DeviceDesc", Target::Value, Form::Whole, UserAttachedKey, "the same"},
+    {kUniqueId, "/registry/*/MachineGuid", Target::Value, Form::Whole, nullptr, "the installation's ID"},
+    {kAddress, "/registry/*/NetworkAddress", Target::Value, Form::Whole, nullptr, "a network adapter's set address"},
+    {kInstanceId, "/registry/*/*", Target::Value, Form::AnyId, nullptr,
      "any registry text that is an instance ID or a device path"},
-    {Kind::InstanceId, "/registry", Target::Names, Form::EnumKey, nullptr, "key paths below ...\\Enum\\"},
-    {Kind::InstanceId, "/devices/sets/*/*", Target::Value, Form::InstanceId, nullptr, "the devices of each set"},
-    {Kind::InstanceId, "/devices/nodes", Target::Names, Form::InstanceId, nullptr, "the nodes"},
-    {Kind::DeviceName, "/devices/nodes/*/properties/DEVPKEY_Device_FriendlyName", Target::Value, Form::Whole,
-     UserAttachedNode, "of user-attached devices (Bluetooth, USB, HID, portable devices, their audio endpoints)"},
-    {Kind::DeviceName, "/devices/nodes/*/properties/DEVPKEY_Device_DeviceDesc", Target::Value, Form::Whole,
+    {kInstanceId, "/registry", Target::Names, Form::EnumKey, nullptr, "key paths below `...\\Enum\\`"},
+    {kInstanceId, "/devices/sets/*/*", Target::Value, Form::InstanceId, nullptr, "the devices of each set"},
+    {kInstanceId, "/devices/nodes", Target::Names, Form::InstanceId, nullptr, "the nodes"},
+    {kDeviceName, "/devices/nodes/*/properties/DEVPKEY_Device_FriendlyName", Target::Value, Form::Whole,
+     UserAttachedNode, "of user-attached devices: Bluetooth, USB, HID and portable devices, and their audio endpoints"},
+    {kDeviceName, "/devices/nodes/*/properties/DEVPKEY_Device_DeviceDesc", Target::Value, Form::Whole,
      UserAttachedNode, "the same"},
-    {Kind::DeviceName, "/devices/nodes/*/properties/DEVPKEY_NAME", Target::Value, Form::Whole, UserAttachedNode,
+    {kDeviceName, "/devices/nodes/*/properties/DEVPKEY_NAME", Target::Value, Form::Whole, UserAttachedNode,
      "the same"},
-    {Kind::Address, "/devices/nodes/*/properties/{2BD67D8B-8BEB-48D5-87E0-6CDA3428040A} 1", Target::Value,
+    {kAddress, "/devices/nodes/*/properties/{2BD67D8B-8BEB-48D5-87E0-6CDA3428040A} 1", Target::Value,
      Form::Whole, nullptr, "a Bluetooth device's address"},
-    {Kind::UniqueId, "/devices/nodes/*/properties/{8C7ED206-3F8A-4827-B3AB-AE9E1FAEFC6C} 2", Target::Value,
+    {kUniqueId, "/devices/nodes/*/properties/{8C7ED206-3F8A-4827-B3AB-AE9E1FAEFC6C} 2", Target::Value,
      Form::Guid, nullptr, "a device's container ID"},
-    {Kind::InstanceId, "/devices/nodes/*/properties/*", Target::Value, Form::AnyId, nullptr,
-     "DEVPKEY_Device_InstanceId, DEVPKEY_Device_Parent and any other property that holds one"},
-    {Kind::InstanceId, "/devices/nodes/*/interfaces/*/*", Target::Value, Form::DevicePath, nullptr,
+    {kInstanceId, "/devices/nodes/*/properties/*", Target::Value, Form::AnyId, nullptr,
+     "`DEVPKEY_Device_InstanceId`, `DEVPKEY_Device_Parent` and any other property that holds one"},
+    {kInstanceId, "/devices/nodes/*/interfaces/*/*", Target::Value, Form::DevicePath, nullptr,
      "device interface paths"},
-    {Kind::InstanceId, "/files/paths", Target::Names, Form::DevicePath, nullptr,
-     "device paths the library opened (\\\\.\\PHYSICALDRIVE0 and volumes stay)"},
-    {Kind::Serial, "/files/paths/*/ioctls/*", Target::Value, Form::Whole, BatteryIdentity,
-     "a battery's unique ID and serial number (IOCTL_BATTERY_QUERY_INFORMATION, levels 7 and 8)"},
-    {Kind::InterfaceGuid, "/wlan/interfaces/*/guid", Target::Value, Form::Guid, nullptr, "Wi-Fi interfaces"},
-    {Kind::AdapterLuid, "/dxgi/adapters/*/luid", Target::Value, Form::Hex, nullptr, "DXGI adapters"},
-    {Kind::VideoKey, "/display/devices/*/key", Target::Value, Form::GuidTokens, nullptr,
+    {kInstanceId, "/files/paths", Target::Names, Form::DevicePath, nullptr,
+     "device paths the library opened; `\\\\.\\PHYSICALDRIVE0` and volumes stay"},
+    {kSerial, "/files/paths/*/ioctls/*", Target::Value, Form::Whole, BatteryIdentity,
+     "a battery's unique ID and serial number: `IOCTL_BATTERY_QUERY_INFORMATION` at levels 7 and 8"},
+    {kInterfaceGuid, "/wlan/interfaces/*/guid", Target::Value, Form::Guid, nullptr, "Wi-Fi interfaces"},
+    {kAdapterLuid, "/dxgi/adapters/*/luid", Target::Value, Form::Hex, nullptr, "DXGI adapters"},
+    {kVideoKey, "/display/devices/*/key", Target::Value, Form::GuidTokens, nullptr,
      "the adapter's GUID in its video registry key"},
-    {Kind::Address, "", Target::Texts, Form::Addresses, nullptr,
-     "\"DEV_\" and twelve hex digits in any text or member name"},
+    {kAddress, "", Target::Texts, Form::Addresses, nullptr,
+     "`DEV_` and twelve hex digits, in any text or member name"},
 };
-
-const char* KindName(Kind kind) {
-    switch (kind) {
-    case Kind::Serial: return "serial number";
-    case Kind::UniqueId: return "unique identifier";
-    case Kind::Address: return "hardware address";
-    case Kind::InstanceId: return "device instance ID";
-    case Kind::DeviceName: return "device name";
-    case Kind::InterfaceGuid: return "interface GUID";
-    case Kind::AdapterLuid: return "adapter LUID";
-    case Kind::VideoKey: return "video key GUID";
-    }
-    return "";
-}
 
 const char* FormName(Form form) {
     switch (form) {
     case Form::Whole: return "whole value";
     case Form::InstanceId: return "unique part";
-    case Form::AnyId: return "unique part, when it is one";
-    case Form::DevicePath: return "unique part of the path's instance ID";
-    case Form::EnumKey: return "unique part of the path's instance ID";
+    case Form::AnyId: return "unique part, where there is one";
+    case Form::DevicePath: return "unique part of the device";
+    case Form::EnumKey: return "unique part of the device";
     case Form::Query: return "compared literals";
     case Form::Guid: return "keyed GUID";
     case Form::Hex: return "keyed bytes";
-    case Form::GuidTokens: return "GUIDs inside";
+    case Form::GuidTokens: return "GUIDs in it";
     case Form::Addresses: return "address tokens";
     }
     return "";
@@ -326,7 +328,10 @@ bool Metadata(const std::string& member) {
 
 class Redactor {
 public:
-    explicit Redactor(const Json& doc) { CollectPersonalNames(doc); }
+    explicit Redactor(const Json& doc) {
+        CollectPersonalNames(doc);
+        CollectUniqueParts(doc);
+    }
 
     std::vector<size_t> Run(Json& doc) {
         counts_.assign(std::size(kPolicy), 0);
@@ -487,6 +492,25 @@ private:
         return text.substr(0, start) + RedactId(id, '\\') + (end == std::string::npos ? "" : text.substr(end));
     }
 
+    // The profile's unique parts where they stand as a step of a path in a
+    // longer text: between separators, never as the whole text or as part
+    // of a longer token.
+    std::string UniqueParts(const std::string& text) {
+        static const char kSeparators[] = "\\#\"'/ ";
+        if (uniqueParts_.empty() || text.find_first_of(kSeparators) == std::string::npos) return text;
+        std::string out;
+        size_t from = 0;
+        for (;;) {
+            const size_t at = text.find_first_of(kSeparators, from);
+            const std::string token = text.substr(from, at == std::string::npos ? std::string::npos : at - from);
+            out += uniqueParts_.count(Upper(token)) != 0 ? Token(Upper(token)) : token;
+            if (at == std::string::npos) break;
+            out += text[at];
+            from = at + 1;
+        }
+        return out;
+    }
+
     std::string GuidTokens(const std::string& text) {
         std::string out;
         size_t from = 0;
@@ -557,7 +581,7 @@ private:
         switch (form) {
         case Form::Whole: return WholeText(text);
         case Form::InstanceId: return InstanceIdText(text, false);
-        case Form::AnyId: return InstanceIdText(text, true);
+        case Form::AnyId: return UniqueParts(InstanceIdText(text, true));
         case Form::DevicePath: return DevicePathText(text);
         case Form::EnumKey: return EnumKeyText(text);
         case Form::Query: return QueryText(text);
@@ -695,6 +719,46 @@ private:
         }
     }
 
+    // The unique parts of the instance IDs at the places that hold them, long
+    // enough to identify something (an ACPI "1" does not).
+    void CollectUniqueParts(const Json& doc) {
+        auto add = [&](const std::string& text, char separator) {
+            InstanceId id;
+            const bool path = separator == '#';
+            const size_t end = path ? text.find("#{") : std::string::npos;
+            if (path && (!StartsWith(text, "\\\\?\\") || end == std::string::npos)) return;
+            if (!ParseInstanceId(path ? text.substr(4, end - 4) : text, separator, false, id)) return;
+            if (id.parts.back().size() >= 6) uniqueParts_.insert(Upper(id.parts.back()));
+        };
+        const Json* devices = detail::Child(&doc, "devices");
+        if (const Json* sets = detail::Child(devices, "sets"); sets != nullptr && sets->is_object())
+            for (const auto& [key, ids] : sets->items())
+                for (const Json& id : ids)
+                    if (id.is_string()) add(id.get<std::string>(), '\\');
+        if (const Json* nodes = detail::Child(devices, "nodes"); nodes != nullptr && nodes->is_object())
+            for (const auto& [id, node] : nodes->items()) {
+                add(id, '\\');
+                if (const Json* interfaces = Find(node, "interfaces"); interfaces != nullptr && interfaces->is_object())
+                    for (const auto& [guid, paths] : interfaces->items())
+                        for (const Json& path : paths)
+                            if (path.is_string()) add(path.get<std::string>(), '#');
+            }
+        if (const Json* paths = detail::Child(detail::Child(&doc, "files"), "paths"); paths != nullptr && paths->is_object())
+            for (const auto& [path, entry] : paths->items()) add(path, '#');
+        const Json* wmi = detail::Child(&doc, "wmi");
+        if (wmi == nullptr || !wmi->is_object()) return;
+        for (const auto& [ns, entry] : wmi->items()) {
+            const Json* queries = Find(entry, "queries");
+            if (queries == nullptr || !queries->is_object()) continue;
+            for (const auto& [query, answer] : queries->items())
+                if (const Json* rows = Find(answer, "rows"); rows != nullptr && rows->is_array())
+                    for (const Json& row : *rows)
+                        for (const char* property : {"DeviceID", "PNPDeviceID"})
+                            if (const Json* value = row.is_object() ? Find(row, property) : nullptr; value != nullptr && value->is_string())
+                                add(value->get<std::string>(), '\\');
+        }
+    }
+
     // "... WHERE Caption='NAME'": the name runs to the last quote.
     void AddComparedName(const std::string& query) {
         const std::string upper = Upper(query);
@@ -715,11 +779,19 @@ private:
     KeyedHash hash_;
     std::map<std::string, std::string> tokens_;
     std::set<std::string> names_;
+    std::set<std::string> uniqueParts_;  // upper case
     std::vector<size_t> counts_;
 };
 
 bool PersonalName(const Redactor& redactor, const Path&, const Json& value) {
     return value.is_string() && redactor.Personal(value.get<std::string>());
+}
+
+// A registry key below "...\\Enum\\" of a user-attached device.
+bool UserAttachedKey(const Redactor&, const Path& path, const Json&) {
+    if (path.size() < 2) return false;
+    const size_t at = Upper(path[1]).find("\\ENUM\\");
+    return at != std::string::npos && UserAttached(path[1].substr(at + 6));
 }
 
 // "IOCTL_BATTERY_QUERY_INFORMATION 01000000 07000000 ...": the level is the
@@ -739,7 +811,7 @@ bool BatteryIdentity(const Redactor&, const Path& path, const Json&) {
 std::vector<RedactionPlace> RedactionPolicy() {
     std::vector<RedactionPlace> places;
     for (const Row& row : kPolicy)
-        places.push_back({KindName(row.kind), *row.place == '\0' ? "/" : row.place,
+        places.push_back({row.kind, *row.place == '\0' ? "/" : row.place,
                           row.target == Target::Value ? "value" : row.target == Target::Names ? "member names" : "every text",
                           FormName(row.form), row.note});
     return places;
