@@ -324,6 +324,19 @@ bool Metadata(const std::string& member) {
     return member == "type" || member == "vt" || member == "error" || member == "returned" || member == "length";
 }
 
+// The text with each run between `separators` passed through `map`.
+template <typename Map>
+std::string EachToken(const std::string& text, const char* separators, Map map) {
+    std::string out;
+    for (size_t from = 0;;) {
+        const size_t at = text.find_first_of(separators, from);
+        out += map(text.substr(from, at == std::string::npos ? std::string::npos : at - from));
+        if (at == std::string::npos) return out;
+        out += text[at];
+        from = at + 1;
+    }
+}
+
 // ------------------------------------------------------------ redactor
 
 class Redactor {
@@ -427,17 +440,9 @@ private:
     // Bluetooth device IDs carry the address as a token of its own
     // ("..._REV&0007_d0c5d3a1b2c3").
     std::string BareAddresses(const std::string& part) {
-        std::string out;
-        size_t from = 0;
-        for (;;) {
-            const size_t at = part.find_first_of("_&", from);
-            const std::string token = part.substr(from, at == std::string::npos ? std::string::npos : at - from);
-            out += token.size() == 12 && IsHexDigits(token) ? Token(Upper(token)) : token;
-            if (at == std::string::npos) break;
-            out += part[at];
-            from = at + 1;
-        }
-        return out;
+        return EachToken(part, "_&", [&](const std::string& token) {
+            return token.size() == 12 && IsHexDigits(token) ? Token(Upper(token)) : token;
+        });
     }
 
     // "DEV_" and twelve hex digits, bounded by anything but a letter or digit.
@@ -445,7 +450,7 @@ private:
         std::string out;
         size_t from = 0;
         for (size_t at = 0; at + 16 <= text.size(); ++at) {
-            if ((at > 0 && std::isalnum(static_cast<unsigned char>(text[at - 1])) != 0) ||
+            if ((text[at] != 'D' && text[at] != 'd') || (at > 0 && std::isalnum(static_cast<unsigned char>(text[at - 1])) != 0) ||
                 Upper(text.substr(at, 4)) != "DEV_" || !IsHexDigits(text.substr(at + 4, 12)) ||
                 (at + 16 < text.size() && std::isalnum(static_cast<unsigned char>(text[at + 16])) != 0))
                 continue;
@@ -498,17 +503,9 @@ private:
     std::string UniqueParts(const std::string& text) {
         static const char kSeparators[] = "\\#\"'/ ";
         if (uniqueParts_.empty() || text.find_first_of(kSeparators) == std::string::npos) return text;
-        std::string out;
-        size_t from = 0;
-        for (;;) {
-            const size_t at = text.find_first_of(kSeparators, from);
-            const std::string token = text.substr(from, at == std::string::npos ? std::string::npos : at - from);
-            out += uniqueParts_.count(Upper(token)) != 0 ? Token(Upper(token)) : token;
-            if (at == std::string::npos) break;
-            out += text[at];
-            from = at + 1;
-        }
-        return out;
+        return EachToken(text, kSeparators, [&](const std::string& token) {
+            return uniqueParts_.count(Upper(token)) != 0 ? Token(Upper(token)) : token;
+        });
     }
 
     std::string GuidTokens(const std::string& text) {
