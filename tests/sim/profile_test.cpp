@@ -105,9 +105,12 @@ TEST(Profile, TruncatedMutatedAndNestedProfilesNeverCrash) {
         EXPECT_NE(Refusal(original.substr(0, cut)), "") << "cut at " << cut;
     std::mt19937 random(20261123);
     const char kBytes[] = "{}[]\",:0123456789-.eEtrufalsn \\\x80\xff";
+    // Half the mutants come from the profile with identifiers at every place
+    // redaction knows, so that redacting them is tried too.
+    const std::string planted = torvex::test::MachineText("planted-identifiers");
     size_t accepted = 0;
     for (int round = 0; round < 400; ++round) {
-        std::string mutant = original;
+        std::string mutant = round % 2 == 0 ? original : planted;
         for (int edits = 1 + random() % 3; edits > 0; --edits) {
             const size_t at = random() % mutant.size();
             switch (random() % 3) {
@@ -120,6 +123,10 @@ TEST(Profile, TruncatedMutatedAndNestedProfilesNeverCrash) {
         ++accepted;
         ReplayEverything(mutant);
         torvex::test::ExpectNothingHeld();
+        // Whatever loads still loads once redacted.
+        Profile redacted = Profile::Parse(mutant, "mutant");
+        torvex::sim::Redact(redacted);
+        EXPECT_EQ(Refusal(redacted.Dump()), "") << "redaction broke an accepted profile";
     }
     EXPECT_GT(accepted, 0u) << "no mutant was accepted, so none was replayed";
 }
