@@ -48,6 +48,7 @@ check "firmware packet of no hex" 1 $T firmware packet ZZ
 check "empty firmware packet" 1 $T firmware packet ""
 check "firmware packet of 200 digits" 1 $T firmware packet "$(printf '1%.0s' $(seq 200))"
 check "help with an extra word" 1 $T help report extra
+check "a firmware read with an extra word" 1 $T firmware pl1 extra
 check "a WMI query that answers nothing" 2 $T wmi 'ROOT\CIMV2' "SELECT Name FROM Win32_NoSuchClass" Name
 grep -q 'no rows' /tmp/torvex-err.$$ || { echo "FAIL: the failing query does not say why:"; cat /tmp/torvex-err.$$; fail=1; }
 check "power limit refused" 2 $T firmware pl1

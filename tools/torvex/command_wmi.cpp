@@ -96,6 +96,8 @@ int RunFirmware(const std::vector<std::wstring>& args) {
         PrintAnswer(answer, sizeof(answer));
         return kExitOk;
     }
+    for (const wchar_t* word : {L"pl1", L"super-saver-on", L"super-saver-off", L"thermal-defaults", L"word", L"packet"})
+        if (what == word) return UsageError("firmware", "wrong number of arguments for " + Utf8(what));
     return UsageError("firmware", "unknown firmware command " + Utf8(what));
 }
 
