@@ -93,8 +93,9 @@ bool RecordInto(torvex::sim::Profile* profile);
 void RecordVendorPresence();
 // Every query of every class and device, as `torvex capture` asks them (no set).
 void AskEverything();
-// The profile being replayed, or null.
+// The profile being replayed, or null; the file it came from, or "".
 torvex::sim::Profile* ReplayedProfile();
+const std::wstring& ReplayedFile();
 
 constexpr int kExitOk = 0;
 constexpr int kExitUsage = 1;
