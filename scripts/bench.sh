@@ -4,13 +4,18 @@
 # capture, of replays (vendor libraries included) and of `torvex diff`.
 # Extra arguments go to torvex_bench.exe, e.g. --iterations 50.
 # TORVEX_REPORT_RUNS sets how many reports are timed (default 5).
+# Then the profile loader and replay on large profiles (benchmarks/make_profiles.py),
+# TORVEX_PROFILE_RUNS times each (default 3).
 set -euo pipefail
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 BUILD=${TORVEX_BUILD_DIR:-$ROOT/build}
 RUNS=${TORVEX_REPORT_RUNS:-5}
-case $RUNS in
-  '' | *[!0-9]* | 0) echo "bench: TORVEX_REPORT_RUNS must be a positive number, not '$RUNS'" >&2; exit 2 ;;
-esac
+PROFILE_RUNS=${TORVEX_PROFILE_RUNS:-3}
+for runs in "$RUNS" "$PROFILE_RUNS"; do
+  case $runs in
+    '' | *[!0-9]* | 0) echo "bench: TORVEX_REPORT_RUNS and TORVEX_PROFILE_RUNS must be positive numbers, not '$runs'" >&2; exit 2 ;;
+  esac
+done
 
 bash "$ROOT/scripts/setup.sh"
 export WINEPREFIX="$BUILD/wineprefix" WINEDEBUG=-all
@@ -47,11 +52,12 @@ first=$(time_command report)
 # side by side in one series: each round runs the three once.
 PROFILE=$(mktemp --suffix=.json)
 RECORDED=$(mktemp --suffix=.json)
-trap 'rm -f "$PROFILE" "$RECORDED"' EXIT
+SHAPES=$(mktemp -d)
+trap 'rm -rf "$PROFILE" "$RECORDED" "$SHAPES"' EXIT
 live=() capture=() replay=()
 for ((i = 0; i < RUNS; i++)); do
   live+=("$(time_command report)")
-  capture+=("$(time_command capture "$(winepath -w "$PROFILE")")")
+  capture+=("$(time_command capture "$(winepath -w "$PROFILE")" --force)")
   replay+=("$(time_command replay "$(winepath -w "$PROFILE")" report)")
 done
 live_median=$(median "${live[@]}") capture_median=$(median "${capture[@]}") replay_median=$(median "${replay[@]}")
@@ -89,3 +95,29 @@ for ((i = 0; i < RUNS; i++)); do
   diffs+=("$(( $(now_ms) - start ))")
 done
 echo "torvex diff of two profiles: median $(median "${diffs[@]}") ms (runs: ${diffs[*]} ms)"
+
+# The profile loader and replay on large profiles: loading alone (`replay FILE
+# help` runs no library call) for hostile and real shapes, and the replayed
+# report of growing device sets.
+make_profile() { /usr/bin/python3 "$ROOT/benchmarks/make_profiles.py" "$@"; }
+LAPTOP=$ROOT/tests/machines/intel-laptop.json
+make_profile objects 400000 "$SHAPES/objects.json"
+make_profile keys 50000 "$SHAPES/keys.json"
+make_profile large 60 "$LAPTOP" "$SHAPES/large.json"
+for n in 10000 20000 40000; do make_profile devices "$n" "$LAPTOP" "$SHAPES/devices-$n.json"; done
+echo
+time_series() { # label, torvex arguments...
+  local label=$1 times=()
+  shift
+  for ((i = 0; i < PROFILE_RUNS; i++)); do times+=("$(time_command "$@")"); done
+  echo "$label: median $(median "${times[@]}") ms (runs: ${times[*]} ms)"
+}
+size_mb() { echo "$(( $(stat -c %s "$1") / 1000000 )).$(( $(stat -c %s "$1") / 100000 % 10 )) MB"; }
+time_series "load 400,000 empty objects ($(size_mb "$SHAPES/objects.json"))" replay "$(winepath -w "$SHAPES/objects.json")" help
+time_series "load 50,000 empty registry keys ($(size_mb "$SHAPES/keys.json"))" replay "$(winepath -w "$SHAPES/keys.json")" help
+time_series "load a real-shaped profile ($(size_mb "$SHAPES/large.json"))" replay "$(winepath -w "$SHAPES/large.json")" help
+for n in 10000 20000 40000; do
+  file=$SHAPES/devices-$n.json
+  time_series "load $n devices ($(size_mb "$file"))" replay "$(winepath -w "$file")" help
+  time_series "replayed report of $n devices" replay "$(winepath -w "$file")" report
+done

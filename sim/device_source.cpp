@@ -18,6 +18,7 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <unordered_map>
 
 #include "source.h"
 
@@ -279,14 +280,14 @@ struct SimSet {
 };
 
 std::map<HDEVINFO, std::unique_ptr<SimSet>> g_simSets;
-std::vector<std::string> g_nodeIds;  // replay: DevInst i + 1 -> instance ID
-std::map<DEVINST, std::string> g_liveIds;  // live: DevInst -> instance ID
+std::vector<std::string> g_nodeIds;                  // replay: DevInst i + 1 -> instance ID
+std::unordered_map<std::string, DEVINST> g_nodeOf;  // replay: instance ID -> DevInst
+std::map<DEVINST, std::string> g_liveIds;           // live: DevInst -> instance ID
 
 DEVINST NodeOf(const std::string& id) {
-    for (size_t i = 0; i < g_nodeIds.size(); ++i)
-        if (g_nodeIds[i] == id) return static_cast<DEVINST>(i + 1);
-    g_nodeIds.push_back(id);
-    return static_cast<DEVINST>(g_nodeIds.size());
+    const auto [at, added] = g_nodeOf.try_emplace(id, static_cast<DEVINST>(g_nodeIds.size() + 1));
+    if (added) g_nodeIds.push_back(id);
+    return at->second;
 }
 
 SimSet* Sim(HDEVINFO set) {
@@ -687,6 +688,7 @@ void Install(Installer& installer) {
 void Reset() {
     g_simSets.clear();
     g_nodeIds.clear();
+    g_nodeOf.clear();
     g_liveIds.clear();
 }
 

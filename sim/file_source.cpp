@@ -11,6 +11,7 @@
 #include <windows.h>
 #include <winioctl.h>
 
+#include <cctype>
 #include <cstring>
 #include <map>
 
@@ -161,6 +162,27 @@ std::vector<uint8_t> DecodeOutput(DWORD code, int level, const Json& answer) {
     return out;
 }
 
+// The reverse of AnswerKey: a known control code name, or "0x" and eight hex
+// digits, then optionally a space and the input as hex byte pairs.
+bool ParseAnswerKey(const std::string& key, DWORD& code, std::vector<uint8_t>& input) {
+    const size_t space = key.find(' ');
+    const std::string head = key.substr(0, space);
+    bool known = false;
+    for (const CodeName& entry : kCodes)
+        if (head == entry.name) code = entry.code, known = true;
+    if (!known) {
+        if (head.size() != 10 || head.compare(0, 2, "0x") != 0) return false;
+        for (size_t i = 2; i < head.size(); ++i)
+            if (std::isxdigit(static_cast<unsigned char>(head[i])) == 0) return false;
+        code = static_cast<DWORD>(std::stoul(head.substr(2), nullptr, 16));
+    }
+    input.clear();
+    if (space == std::string::npos) return true;
+    const std::string tail = key.substr(space + 1);
+    if (tail.empty() || tail.find(' ') != std::string::npos) return false;
+    return ParseHex(tail, input);
+}
+
 std::string AnswerKey(DWORD code, const std::vector<uint8_t>& input) {
     return input.empty() ? CodeText(code) : CodeText(code) + " " + Hex(input.data(), input.size());
 }
@@ -174,13 +196,9 @@ void ValidateAnswer(const std::string& key, const Json& answer, const At& at) {
     if (answer.contains("out")) ExpectHex(answer["out"], at / "out", 65536);
     if (answer.contains("text")) ExpectString(answer["text"], at / "text");
     DWORD code = 0;
-    bool named = false;
-    for (const CodeName& entry : kCodes)
-        if (key.rfind(entry.name, 0) == 0) code = entry.code, named = true;
-    if (!named && (key.size() < 10 || key.rfind("0x", 0) != 0)) Expected(at, "an answer named by an IOCTL_ name or 0xCODE, then the input in hex");
-    const size_t space = key.find(' ');
     std::vector<uint8_t> input;
-    if (space != std::string::npos && !ParseHex(key.substr(space + 1), input)) Expected(at, "the input bytes in hex after the code");
+    if (!ParseAnswerKey(key, code, input))
+        Expected(at, "an answer named by a known IOCTL_ name or 0x and eight hex digits, then a space and the input in hex");
     if (answer.contains("fields")) {
         const Layout* layout = LayoutOf(code, LevelOf(code, input));
         if (layout == nullptr) Expected(at / "fields", "\"out\": no named fields for this control code");

@@ -3,6 +3,7 @@
 #include <objbase.h>
 
 #include <atomic>
+#include <cctype>
 #include <cwctype>
 #include <stdexcept>
 
@@ -55,9 +56,17 @@ const Json* Child(const Json* object, const std::string& key) {
     if (object == nullptr || !object->is_object()) return nullptr;
     auto exact = object->find(key);
     if (exact != object->end()) return &*exact;
-    const std::string wanted = Lower(key);
+    // Compared in place, without a lower-case copy of every member: a
+    // recording adds members one at a time, each after a miss here.
+    auto same = [&](const std::string& name) {
+        if (name.size() != key.size()) return false;
+        for (size_t i = 0; i < name.size(); ++i)
+            if (name[i] != key[i] && std::tolower(static_cast<unsigned char>(name[i])) != std::tolower(static_cast<unsigned char>(key[i])))
+                return false;
+        return true;
+    };
     for (auto it = object->begin(); it != object->end(); ++it)
-        if (Lower(it.key()) == wanted) return &*it;
+        if (same(it.key())) return &*it;
     return nullptr;
 }
 

@@ -1,4 +1,4 @@
-// A machine profile ("torvex-machine/1"): every answer the operating system
+// A machine profile ("torvex-machine/2"): every answer the operating system
 // gave Torvex.dll on one machine, keyed by the call as the library makes it.
 // The document is plain JSON; docs/machine-profile.md describes it.
 #pragma once
@@ -7,6 +7,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace torvex::sim {
 
@@ -43,10 +44,25 @@ private:
     Json doc_;
 };
 
-// Replaces serial numbers, unique identifiers and the unique parts of device
-// instance IDs with stable placeholders (the same input gives the same
-// placeholder), keeping the profile consistent and replayable.
-void Redact(Profile& profile);
+// One row of the redaction policy: a kind of identifying value and a place
+// where a machine hands it to the library.
+struct RedactionPlace {
+    const char* kind;    // "serial number", "device instance ID", ...
+    const char* place;   // JSON pointer pattern: "*" any member or index, "*serial*" any name holding "serial"
+    const char* target;  // "value", "member names" or "every text"
+    const char* how;     // "whole value", "unique part", "keyed GUID", ...
+    const char* note;
+};
+std::vector<RedactionPlace> RedactionPolicy();
+
+// Replaces every identifying value the policy names with a placeholder keyed
+// by a secret drawn for this call and never kept: "REDACTED-" and 16
+// uppercase hex digits for texts and tokens in them, a keyed value of the
+// same shape for hex bytes, GUIDs and numbers. The same value gives the same
+// placeholder throughout the profile, so it stays consistent and replays.
+// Returns how many values each row of RedactionPolicy() replaced; throws
+// ProfileError when the system gives no random key.
+std::vector<size_t> Redact(Profile& profile);
 
 // A place in a profile, as a JSON pointer, for messages.
 class At {

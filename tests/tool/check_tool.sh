@@ -38,6 +38,19 @@ check "charge-control refused" 2 $T battery charge-control 60 80
 check "wifi switch refused" 2 $T wifi off
 check "brightness above 100" 1 $T display brightness 150
 check "brightness refused" 2 $T display brightness 50
+# Every word and range is checked before the back end is opened, so these are
+# usage errors even where no back end exists.
+check "unknown display word" 1 $T display bogus
+check "brightness of 101" 1 $T display brightness 101
+check "two gains of three" 1 $T display gains 1 2
+check "temperature range beyond 32 bits" 1 $T display temperature 10 4294967296
+check "firmware packet of no hex" 1 $T firmware packet ZZ
+check "empty firmware packet" 1 $T firmware packet ""
+check "firmware packet of 200 digits" 1 $T firmware packet "$(printf '1%.0s' $(seq 200))"
+check "help with an extra word" 1 $T help report extra
+check "a firmware read with an extra word" 1 $T firmware pl1 extra
+check "a WMI query that answers nothing" 2 $T wmi 'ROOT\CIMV2' "SELECT Name FROM Win32_NoSuchClass" Name
+grep -q 'no rows' /tmp/torvex-err.$$ || { echo "FAIL: the failing query does not say why:"; cat /tmp/torvex-err.$$; fail=1; }
 check "power limit refused" 2 $T firmware pl1
 check "one disk" 0 $T disk 0
 check "malformed disk number" 1 $T disk x1
@@ -50,6 +63,10 @@ check "replay report" 0 $T replay $P.json report --json
 cmp -s /tmp/torvex-out.$$ /tmp/torvex-report.$$ || { echo "FAIL: the replayed report differs from the live one"; diff /tmp/torvex-report.$$ /tmp/torvex-out.$$ | head; fail=1; }
 check "capture of a replay" 0 $T replay $P.json capture $P-again.json
 cmp -s $P.json $P-again.json || { echo "FAIL: capturing the replay changed the profile"; diff $P.json $P-again.json | head; fail=1; }
+check "capture over the replayed profile" 1 $T replay $P.json capture $P.json --force
+check "capture over an existing file" 1 $T capture $P-again.json
+cmp -s $P.json $P-again.json || { echo "FAIL: a refused capture wrote its file"; fail=1; }
+check "capture over an existing file with --force" 0 $T replay $P.json capture $P-again.json --force
 check "redacted capture of a replay" 0 $T replay "$MACHINES/intel-laptop.json" capture $P-redacted.json --redact
 check "replay of a redacted profile" 0 $T replay $P-redacted.json report --json
 cat >$P-bad.json <<'JSON'
@@ -58,6 +75,23 @@ JSON
 check "a profile of the wrong shape" 1 $T replay $P-bad.json report
 grep -qF "$P-bad.json: at /wmi/ROOT\\CIMV2/queries/Q/rows/0/A/vt: expected" /tmp/torvex-err.$$ && [ "$(wc -l </tmp/torvex-err.$$)" = 1 ] ||
   { echo "FAIL: the refusal does not name the file and the place in one line:"; cat /tmp/torvex-err.$$; fail=1; }
+# Hostile profiles: each refused in one printable line naming the place.
+hostile() { # description, expected text, profile
+  printf '%s' "$3" >$P-hostile.json
+  check "$1" 1 $T replay $P-hostile.json report
+  { grep -qF -- "$2" /tmp/torvex-err.$$ && [ "$(tr -d '\r' </tmp/torvex-err.$$ | wc -l)" = 1 ] &&
+    ! tr -d '\r\n' </tmp/torvex-err.$$ | grep -q '[[:cntrl:]]'; } ||
+    { echo "FAIL: $1: not one printable line holding '$2':"; cat -A /tmp/torvex-err.$$; fail=1; }
+}
+hostile "a number out of range" "line 1, column 70: the number 1e400 is out of range" \
+  '{"schema": "torvex-machine/1", "audio": {"render": {"volume_scalar": 1e400}}}'
+hostile "a member named twice" "at /schema: expected each member name once" '{"schema": "evil", "schema": "torvex-machine/1"}'
+hostile "a member name holding NUL" 'at /registry/K\u0000x: expected a member name without control characters' \
+  '{"schema": "torvex-machine/1", "registry": {"K\u0000x": null}}'
+hostile "a member name holding ESC" 'at /registry/\u001B[31mred: expected a member name without control characters' \
+  '{"schema": "torvex-machine/1", "registry": {"\u001b[31mred": null}}'
+hostile "an IOCTL key of no hex" 'ioctls/0xZZZZZZZZ: expected an answer named by a known IOCTL_ name' \
+  '{"schema": "torvex-machine/1", "files": {"paths": {"D": {"ioctls": {"0xZZZZZZZZ": {"out": "00"}}}}}}'
 # A machine that answers nothing but a processor name in the ANSI code page:
 # still one complete JSON document, valid UTF-8, that the schema admits.
 cat >$P-nothing.json <<'JSON'
@@ -66,12 +100,18 @@ JSON
 check "a machine that answers nothing" 0 $T replay $P-nothing.json report --json
 cp /tmp/torvex-out.$$ "$P-report-nothing.json"
 # Every profile of the tree replays; a torvex-machine/1 one is also written as /2 by `upgrade`, and the two
-# replay to the same report. The profiles are held to the schema in their current form.
+# replay to the same report (the profiles are held to the schema in their current form). Every machine is also
+# captured redacted then replayed: the two reports differ only where a placeholder stands.
 current=()
+pairs=()
 for machine in "$MACHINES"/*.json; do
   name=$(basename "$machine")
   check "replay of $name" 0 $T replay "$machine" report --json
   cp /tmp/torvex-out.$$ "$P-report-$name"
+  check "redacted capture of $name" 0 $T replay "$machine" capture "$P-redacted-$name" --redact
+  check "replay of redacted $name" 0 $T replay "$P-redacted-$name" report --json
+  cp /tmp/torvex-out.$$ "$P-report-redacted-$name"
+  pairs+=("$P-report-$name" "$P-report-redacted-$name")
   if grep -q '"schema": "torvex-machine/1"' "$machine"; then
     check "upgrade of $name" 0 $T upgrade "$machine" "$P-upgraded-$name"
     check "replay of $name upgraded" 0 $T replay "$P-upgraded-$name" report --json
@@ -81,6 +121,7 @@ for machine in "$MACHINES"/*.json; do
     current+=("$machine")
   fi
 done
+/usr/bin/python3 "$HERE/compare_reports.py" "${pairs[@]}" || fail=1
 # Each display back end, and the enclave service beside the host, as their profiles replay them (a process each:
 # the library chooses its back end once per process).
 /usr/bin/python3 - "$P" <<'PY' || fail=1

@@ -352,6 +352,7 @@ int RunHelp(const std::vector<std::wstring>& args) {
         PrintHelp();
         return kExitOk;
     }
+    if (args.size() > 1) return UsageError("help", "unexpected argument " + Utf8(args[1]));
     auto it = Commands().find(Utf8(args[0]));
     if (it == Commands().end()) return UsageError("help", "unknown command " + Utf8(args[0]));
     PrintLine(std::string("usage: torvex ") + it->second.usage);

@@ -1,4 +1,6 @@
 // Report section and commands for display colour and brightness (class 19).
+#include <cstdint>
+
 #include "tool.h"
 
 namespace tool {
@@ -71,16 +73,41 @@ void Fill(Section& section) {
 
 const SectionRegistration kSection(70, "display", "Display colour and brightness", Fill);
 
+// The display commands by word and count of numbers, with the largest value
+// of each number: every argument is checked before the back end is opened.
+struct DisplayForm {
+    const wchar_t* word;
+    size_t count;
+    uint64_t highest[3];
+    const char* range;
+};
+constexpr DisplayForm kForms[] = {
+    {L"brightness", 0, {}, ""},
+    {L"brightness", 1, {100}, "brightness goes from 0 to 100"},
+    {L"temperature", 2, {255, INT32_MAX}, "the level goes from 0 to 255 and the range from 0 to 2147483647"},
+    {L"warmth", 2, {255, 255}, "warmth and blue cut go from 0 to 255"},
+    {L"gains", 3, {100, 100, 100}, "gains are percentages from 0 to 100"},
+};
+
 int RunDisplay(const std::vector<std::wstring>& args) {
     if (args.empty()) return UsageError("display", "expected brightness, temperature, warmth or gains");
-    const Api& api = Library();
     const std::wstring what = args[0];
+    bool known = false;
+    const DisplayForm* form = nullptr;
+    for (const DisplayForm& entry : kForms) {
+        known = known || what == entry.word;
+        if (what == entry.word && args.size() - 1 == entry.count) form = &entry;
+    }
+    if (!known) return UsageError("display", "unknown display command " + Utf8(what));
+    if (form == nullptr) return UsageError("display", "wrong number of values for " + Utf8(what));
     std::vector<uint64_t> numbers;
     for (size_t i = 1; i < args.size(); ++i) {
         const auto value = ParseNumber(args[i]);
         if (!value) return UsageError("display", "malformed number " + Utf8(args[i]));
+        if (*value > form->highest[i - 1]) return UsageError("display", form->range);
         numbers.push_back(*value);
     }
+    const Api& api = Library();
     DisplayBackend backend = OpenBackend();
     if (!backend.ready) {
         PrintError("torvex display: HalInit(19) refused");
@@ -93,30 +120,22 @@ int RunDisplay(const std::vector<std::wstring>& args) {
         BrightnessRange range{};
         result = api.HalQueryInformation(HAL_CLASS_DISPLAY, backend.pair(), HAL_DISPLAY_BRIGHTNESS, &range, sizeof(range), &written);
         done = "brightness " + std::to_string(range.current) + " %";
-    } else if (what == L"brightness" && numbers.size() == 1) {
-        if (numbers[0] > 100) return UsageError("display", "brightness goes from 0 to 100");
+    } else if (what == L"brightness") {
         uint32_t percent = static_cast<uint32_t>(numbers[0]);
         result = api.HalSetInformation(HAL_CLASS_DISPLAY, backend.pair(), HAL_DISPLAY_BRIGHTNESS, &percent, 4, &written, 0);
         done = "brightness set to " + std::to_string(percent) + " %";
-    } else if (what == L"temperature" && numbers.size() == 2) {
-        if (numbers[0] > 255) return UsageError("display", "the level goes from 0 to 255");
+    } else if (what == L"temperature") {
         ColorTemperatureRequest request{static_cast<int32_t>(numbers[0]), static_cast<int32_t>(numbers[1])};
         result = api.HalSetInformation(HAL_CLASS_DISPLAY, backend.pair(), HAL_DISPLAY_TEMPERATURE, &request, sizeof(request), &written, 0);
         done = "colour temperature set to " + std::to_string(request.level) + " K";
-    } else if (what == L"warmth" && numbers.size() == 2) {
-        if (numbers[0] > 255 || numbers[1] > 255) return UsageError("display", "warmth and blue cut go from 0 to 255");
+    } else if (what == L"warmth") {
         WarmthRequest request{static_cast<uint32_t>(numbers[0]), static_cast<uint32_t>(numbers[1])};
         result = api.HalSetInformation(HAL_CLASS_DISPLAY, backend.pair(), HAL_DISPLAY_WARMTH, &request, sizeof(request), &written, 0);
         done = "warmth set to " + std::to_string(request.warmth) + ", blue cut " + std::to_string(request.blueCut);
-    } else if (what == L"gains" && numbers.size() == 3) {
-        for (uint64_t n : numbers)
-            if (n > 100) return UsageError("display", "gains are percentages from 0 to 100");
+    } else {
         ChannelGainRequest request{numbers[0] / 100.0f, numbers[1] / 100.0f, numbers[2] / 100.0f, 0.0f, 1.0f};
         result = api.HalSetInformation(HAL_CLASS_DISPLAY, backend.pair(), HAL_DISPLAY_CHANNEL_GAINS, &request, sizeof(request), &written, 0);
         done = "channel gains set";
-    } else {
-        FreeRecord(backend.context);
-        return UsageError("display", "unknown display command " + Utf8(what));
     }
     const std::string served = backend.name;
     FreeRecord(backend.context);

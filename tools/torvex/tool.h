@@ -102,8 +102,9 @@ bool RecordInto(torvex::sim::Profile* profile);
 void RecordVendorPresence();
 // Every query of every class and device, as `torvex capture` asks them (no set).
 void AskEverything();
-// The profile being replayed, or null.
+// The profile being replayed, or null; the file it came from, or "".
 torvex::sim::Profile* ReplayedProfile();
+const std::wstring& ReplayedFile();
 // True when, since the last library call began, the library made a call of
 // `source` whose identity starts with `call` and whose outcome starts with
 // `outcome` (the back end a display initialisation chose, for instance).
