@@ -57,7 +57,8 @@ public:
     static Held Holding();
 
     // Notes in the recording which vendor libraries and servers exist: probed
-    // on the live machine, copied from the profile under replay.
+    // on the live machine (and the Intel library read as a set would read
+    // it, when the library loaded it), copied from the profile under replay.
     void RecordVendorPresence();
 
     struct State;

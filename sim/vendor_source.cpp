@@ -59,6 +59,10 @@ std::wstring FileName(LPCWSTR path) {
 bool Named(LPCWSTR path, const char* file) { return Lower(Utf8(FileName(path))) == Lower(file); }
 
 HMODULE StandIn(size_t index) { return reinterpret_cast<HMODULE>(&g_standIns[index]); }
+bool IsStandIn(HMODULE module) {
+    const auto* byte = reinterpret_cast<const char*>(module);
+    return byte >= g_standIns && byte < g_standIns + kLibraryCount;
+}
 
 void Validate(const Json& vendor, const At& at) {
     ExpectObject(vendor, at);
@@ -153,8 +157,7 @@ FARPROC WINAPI HookProc(HMODULE module, LPCSTR name) {
     if (found == g_modules.end() || name == nullptr || reinterpret_cast<uintptr_t>(name) <= 0xFFFF)
         return g_proc(module, name);
     const VendorLibrary& library = *found->second.first;
-    const bool standIn = reinterpret_cast<char*>(module) >= g_standIns &&
-                         reinterpret_cast<char*>(module) < g_standIns + kLibraryCount;
+    const bool standIn = IsStandIn(module);
     FARPROC real = standIn ? nullptr : g_proc(module, name);
     FARPROC proc = nullptr;
     if (!standIn) {
@@ -187,8 +190,7 @@ BOOL WINAPI HookFree(HMODULE module) {
         auto found = g_modules.find(module);
         if (found != g_modules.end()) {
             Note("library", found->second.first->file, "freed", false);
-            const bool standIn = reinterpret_cast<char*>(module) >= g_standIns &&
-                                 reinterpret_cast<char*>(module) < g_standIns + kLibraryCount;
+            const bool standIn = IsStandIn(module);
             if (--found->second.second == 0) g_modules.erase(found);
             if (standIn) return TRUE;
         }
