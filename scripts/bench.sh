@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Latency benchmark: builds (scripts/setup.sh), runs torvex_bench.exe under
-# Wine, then measures the wall time of the whole `torvex report`.
+# Wine, then measures the wall time of the whole `torvex report`, of a
+# capture, of replays (vendor libraries included) and of `torvex diff`.
 # Extra arguments go to torvex_bench.exe, e.g. --iterations 50.
 # TORVEX_REPORT_RUNS sets how many reports are timed (default 5).
 # Then the profile loader and replay on large profiles (benchmarks/make_profiles.py),
@@ -50,8 +51,9 @@ first=$(time_command report)
 # Live report, a whole capture, and the report replayed from that capture,
 # side by side in one series: each round runs the three once.
 PROFILE=$(mktemp --suffix=.json)
+RECORDED=$(mktemp --suffix=.json)
 SHAPES=$(mktemp -d)
-trap 'rm -rf "$PROFILE" "$SHAPES"' EXIT
+trap 'rm -rf "$PROFILE" "$RECORDED" "$SHAPES"' EXIT
 live=() capture=() replay=()
 for ((i = 0; i < RUNS; i++)); do
   live+=("$(time_command report)")
@@ -68,6 +70,31 @@ verdict() { if "$@"; then echo PASS; else echo ABOVE; fi; }
 echo "goal: report < 1000 ms: $(verdict test "$live_median" -lt 1000)"
 echo "goal: capture < 2000 ms: $(verdict test "$capture_median" -lt 2000)"
 echo "goal: replayed report no slower than the live one: $(verdict test "$replay_median" -le "$live_median")"
+
+# The machines of each display back end: their report replayed, and a capture
+# of that replay (every answer, vendor libraries included, recorded again);
+# then torvex diff of two of them (two torvex.exe processes and the comparison).
+MACHINES="$ROOT/tests/machines"
+for machine in amd-radeon-desktop hybrid-graphics-laptop intel-igcl-laptop; do
+  file=$(winepath -w "$MACHINES/$machine.json")
+  report=() recapture=()
+  for ((i = 0; i < RUNS; i++)); do
+    report+=("$(time_command replay "$file" report)")
+    rm -f "$RECORDED"
+    recapture+=("$(time_command replay "$file" capture "$(winepath -w "$RECORDED")")")
+  done
+  echo "$machine: replayed report median $(median "${report[@]}") ms, capture of the replay median $(median "${recapture[@]}") ms"
+done
+diffs=()
+for ((i = 0; i < RUNS; i++)); do
+  start=$(now_ms)
+  status=0
+  wine "$BUILD/bin/torvex.exe" diff "$(winepath -w "$MACHINES/intel-laptop.json")" \
+    "$(winepath -w "$MACHINES/amd-desktop.json")" >/dev/null || status=$?
+  [ "$status" = 1 ] || { echo "bench: torvex diff ended with $status, not 1" >&2; exit 1; }
+  diffs+=("$(( $(now_ms) - start ))")
+done
+echo "torvex diff of two profiles: median $(median "${diffs[@]}") ms (runs: ${diffs[*]} ms)"
 
 # The profile loader and replay on large profiles: loading alone (`replay FILE
 # help` runs no library call) for hostile and real shapes, and the replayed

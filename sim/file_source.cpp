@@ -191,8 +191,8 @@ void ValidateAnswer(const std::string& key, const Json& answer, const At& at) {
     ExpectObject(answer, at);
     ExpectOnly(answer, at, {"error", "out", "fields", "text", "returned"});
     const size_t forms = answer.count("error") + answer.count("out") + answer.count("fields") + answer.count("text");
-    if (forms != 1) Expected(at, "one of {\"error\": n}, {\"out\": hex}, {\"fields\": {...}}, {\"text\": ...}");
-    if (answer.contains("error")) ExpectUnsigned(answer["error"], at / "error", 0xFFFFFFFFu);
+    if (forms != 1) Expected(at, "one of {\"error\": \"0x...\"}, {\"out\": hex}, {\"fields\": {...}}, {\"text\": ...}");
+    if (answer.contains("error")) ExpectError(answer["error"], at / "error");
     if (answer.contains("out")) ExpectHex(answer["out"], at / "out", 65536);
     if (answer.contains("text")) ExpectString(answer["text"], at / "text");
     DWORD code = 0;
@@ -232,7 +232,7 @@ void Validate(const Json& files, const At& at) {
             if (entry.contains("open") && !entry["open"].is_boolean()) {
                 ExpectObject(entry["open"], p / "open");
                 ExpectOnly(entry["open"], p / "open", {"error"});
-                ExpectUnsigned(entry["open"].value("error", Json()), p / "open" / "error", 0xFFFFFFFFu);
+                ExpectError(entry["open"].value("error", Json()), p / "open" / "error");
             }
             if (!entry.contains("ioctls")) continue;
             ExpectObject(entry["ioctls"], p / "ioctls");
@@ -245,7 +245,9 @@ void Validate(const Json& files, const At& at) {
             const At r = at / "free_space" / root;
             ExpectObject(entry, r);
             ExpectOnly(entry, r, {"error", "free_bytes", "total_bytes", "available_bytes"});
-            for (const auto& [key, value] : entry.items()) ExpectUnsigned(value, r / key);
+            for (const auto& [key, value] : entry.items())
+                if (key == "error") ExpectError(value, r / key);
+                else ExpectUnsigned(value, r / key);
         }
     }
 }
@@ -258,7 +260,7 @@ HANDLE Open(const std::string& path, const std::string& detail, const std::funct
     HANDLE handle = INVALID_HANDLE_VALUE;
     if (Active().live()) {
         handle = real();
-        answer = handle != INVALID_HANDLE_VALUE ? Json(true) : Json{{"error", GetLastError()}};
+        answer = handle != INVALID_HANDLE_VALUE ? Json(true) : Json{{"error", HresultText(static_cast<long>(GetLastError()))}};
     } else if (const Json* found = Replayed({"files", "paths", path, "open"})) {
         answer = *found;
         if (answer == true) handle = CreateEventW(nullptr, TRUE, FALSE, nullptr);
@@ -269,7 +271,7 @@ HANDLE Open(const std::string& path, const std::string& detail, const std::funct
     }
     Keep({"files", "paths", path, "open"}, answer);
     if (handle == INVALID_HANDLE_VALUE || handle == nullptr) {
-        const DWORD error = answer.is_object() ? answer["error"].get<DWORD>() : ERROR_FILE_NOT_FOUND;
+        const DWORD error = answer.is_object() ? static_cast<DWORD>(ErrorCode(answer["error"])) : ERROR_FILE_NOT_FOUND;
         Note("file", "open " + path, "error " + std::to_string(error), true, detail);
         SetLastError(error);
         return INVALID_HANDLE_VALUE;
@@ -310,7 +312,7 @@ BOOL WINAPI HookIoctl(HANDLE handle, DWORD code, LPVOID in, DWORD inSize, LPVOID
     if (Active().live()) {
         DWORD count = 0;
         if (!g_ioctl(handle, code, in, inSize, out, outSize, &count, overlapped)) {
-            answer = Json{{"error", GetLastError()}};
+            answer = Json{{"error", HresultText(static_cast<long>(GetLastError()))}};
         } else {
             const auto* bytes = static_cast<const uint8_t*>(out);
             answer = EncodeOutput(code, level, std::vector<uint8_t>(bytes, bytes + (out != nullptr ? count : 0)));
@@ -324,8 +326,8 @@ BOOL WINAPI HookIoctl(HANDLE handle, DWORD code, LPVOID in, DWORD inSize, LPVOID
     }
     Keep({"files", "paths", path, "ioctls", key}, answer);
     if (answer.contains("error")) {
-        Note("ioctl", call, "error " + answer["error"].dump(), true, detail);
-        SetLastError(answer["error"].get<DWORD>());
+        Note("ioctl", call, "error " + std::to_string(ErrorCode(answer["error"])), true, detail);
+        SetLastError(static_cast<DWORD>(ErrorCode(answer["error"])));
         return FALSE;
     }
     const std::vector<uint8_t> bytes = DecodeOutput(code, level, answer);
@@ -349,7 +351,7 @@ BOOL WINAPI HookFreeSpace(LPCSTR root, PULARGE_INTEGER available, PULARGE_INTEGE
         ULARGE_INTEGER a{}, t{}, f{};
         answer = g_freeSpace(root, &a, &t, &f) ? Json{{"available_bytes", a.QuadPart}, {"total_bytes", t.QuadPart},
                                                       {"free_bytes", f.QuadPart}}
-                                               : Json{{"error", GetLastError()}};
+                                               : Json{{"error", HresultText(static_cast<long>(GetLastError()))}};
     } else if (const Json* found = Replayed({"files", "free_space", name})) {
         answer = *found;
     } else {
@@ -359,8 +361,8 @@ BOOL WINAPI HookFreeSpace(LPCSTR root, PULARGE_INTEGER available, PULARGE_INTEGE
     }
     Keep({"files", "free_space", name}, answer);
     if (answer.contains("error")) {
-        Note("volume", "free space of " + name, "error " + answer["error"].dump(), true);
-        SetLastError(answer["error"].get<DWORD>());
+        Note("volume", "free space of " + name, "error " + std::to_string(ErrorCode(answer["error"])), true);
+        SetLastError(static_cast<DWORD>(ErrorCode(answer["error"])));
         return FALSE;
     }
     if (available != nullptr) available->QuadPart = answer.value("available_bytes", 0ull);

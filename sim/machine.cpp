@@ -8,6 +8,7 @@
 #include <stdexcept>
 
 #include "source.h"
+#include "vendor.h"
 
 namespace torvex::sim {
 
@@ -178,6 +179,12 @@ std::string HexNumber(unsigned long value) {
 
 long ParseHresult(const std::string& text) { return static_cast<long>(std::stoul(text, nullptr, 16)); }
 
+unsigned long ErrorCode(const Json& value) {
+    if (value.is_string()) return static_cast<unsigned long>(ParseHresult(value.get<std::string>()));
+    if (value.is_number_unsigned()) return static_cast<unsigned long>(value.get<uint64_t>());
+    return value.is_number_integer() ? static_cast<unsigned long>(value.get<int64_t>()) : 0;
+}
+
 std::string GuidText(const GUID& g) {
     char text[48];
     snprintf(text, sizeof(text), "{%08lX-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X}",
@@ -257,13 +264,20 @@ Machine::Held Machine::Holding() {
     held.deviceSets = detail::HeldSets();
     held.files = detail::HeldFiles();
     held.wlanMemory = detail::HeldWlanMemory();
+    held.vendorContexts = detail::HeldAdlContexts();
+    held.vendorHandles = detail::HeldIgclHandles();
+    held.vendorLibraries = detail::HeldVendorModules();
+    held.vendorMemory = detail::HeldVendorMemory();
+    held.graphicsServers = detail::LiveGraphicsServers();
     return held;
 }
 
 std::string Machine::Held::Describe() const {
     return std::to_string(comObjects) + " COM objects, " + std::to_string(registryKeys) + " registry keys, " +
            std::to_string(deviceSets) + " device sets, " + std::to_string(files) + " files, " +
-           std::to_string(wlanMemory) + " Wlan blocks";
+           std::to_string(wlanMemory) + " Wlan blocks, " + std::to_string(vendorContexts) + " ADL contexts, " +
+           std::to_string(vendorHandles) + " IGCL API handles, " + std::to_string(vendorLibraries) +
+           " vendor libraries loaded, " + std::to_string(vendorMemory) + " vendor memory blocks";
 }
 
 void Machine::RecordVendorPresence() { detail::RecordVendorPresence(); }

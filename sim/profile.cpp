@@ -33,7 +33,7 @@ void Validate(const Json& doc) {
     ExpectObject(doc, root);
     if (!doc.contains("schema")) Expected(root / "schema", std::string("the member \"schema\": \"") + kProfileSchema + "\"");
     if (!doc["schema"].is_string() || doc["schema"].get<std::string>() != kProfileSchema)
-        Expected(root / "schema", std::string("\"") + kProfileSchema + "\"");
+        Expected(root / "schema", std::string("\"") + kProfileSchema + "\" (or \"" + kProfileSchemaVersion1 + "\")");
     for (const auto& [key, value] : doc.items()) {
         if (key == "schema") continue;
         if (key == "machine") {
@@ -179,6 +179,8 @@ Profile Profile::Parse(const std::string& text, const std::string& name) {
         throw ProfileError(name + ": " + e.what());
     }
     try {
+        if (profile.doc_.is_object() && profile.doc_.value("schema", Json()) == kProfileSchemaVersion1)
+            detail::UpgradeFromVersion1(profile.doc_);
         Validate(profile.doc_);
     } catch (const ProfileError& e) {
         throw ProfileError(name + ": " + e.what());
@@ -298,6 +300,14 @@ void ExpectHresult(const Json& value, const At& at) {
     bool ok = text.size() == 10 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
     for (size_t i = 2; ok && i < text.size(); ++i) ok = std::isxdigit(static_cast<unsigned char>(text[i])) != 0;
     if (!ok) Expected(at, "an HRESULT such as \"0x80041010\"");
+}
+
+void ExpectError(const Json& value, const At& at) {
+    try {
+        ExpectHresult(value, at);
+    } catch (const ProfileError&) {
+        Expected(at, "an error code such as \"0x00000002\"");
+    }
 }
 
 void ExpectOnly(const Json& object, const At& at, std::initializer_list<const char*> allowed) {

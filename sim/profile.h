@@ -1,4 +1,4 @@
-// A machine profile ("torvex-machine/1"): every answer the operating system
+// A machine profile ("torvex-machine/2"): every answer the operating system
 // gave Torvex.dll on one machine, keyed by the call as the library makes it.
 // The document is plain JSON; docs/machine-profile.md describes it.
 #pragma once
@@ -14,7 +14,9 @@ namespace torvex::sim {
 // Sorted keys: a profile written twice from the same answers is the same file.
 using Json = nlohmann::json;
 
-constexpr char kProfileSchema[] = "torvex-machine/1";
+constexpr char kProfileSchema[] = "torvex-machine/2";
+// Still read: brought to the current form as it loads.
+constexpr char kProfileSchemaVersion1[] = "torvex-machine/1";
 
 // A profile that cannot be used. The message is one line naming the file,
 // the place (line and column, or the JSON pointer) and what was expected.
@@ -90,6 +92,9 @@ void ExpectHex(const Json& value, const At& at, size_t maxBytes = SIZE_MAX);
 void ExpectGuid(const Json& value, const At& at);
 // "0x" and eight hexadecimal digits (an HRESULT).
 void ExpectHresult(const Json& value, const At& at);
+// An error code in the same form, whatever its kind: a Win32 error, a
+// configuration-manager result, an NTSTATUS ("0x00000002").
+void ExpectError(const Json& value, const At& at);
 // Every member of an object is one of `allowed`.
 void ExpectOnly(const Json& object, const At& at, std::initializer_list<const char*> allowed);
 

@@ -99,8 +99,10 @@ cat >$P-nothing.json <<'JSON'
 JSON
 check "a machine that answers nothing" 0 $T replay $P-nothing.json report --json
 cp /tmp/torvex-out.$$ "$P-report-nothing.json"
-# Every machine, replayed, and captured redacted then replayed: the two
-# reports differ only where a placeholder stands.
+# Every profile of the tree replays; a torvex-machine/1 one is also written as /2 by `upgrade`, and the two
+# replay to the same report (the profiles are held to the schema in their current form). Every machine is also
+# captured redacted then replayed: the two reports differ only where a placeholder stands.
+current=()
 pairs=()
 for machine in "$MACHINES"/*.json; do
   name=$(basename "$machine")
@@ -110,10 +112,76 @@ for machine in "$MACHINES"/*.json; do
   check "replay of redacted $name" 0 $T replay "$P-redacted-$name" report --json
   cp /tmp/torvex-out.$$ "$P-report-redacted-$name"
   pairs+=("$P-report-$name" "$P-report-redacted-$name")
+  if grep -q '"schema": "torvex-machine/1"' "$machine"; then
+    check "upgrade of $name" 0 $T upgrade "$machine" "$P-upgraded-$name"
+    check "replay of $name upgraded" 0 $T replay "$P-upgraded-$name" report --json
+    cmp -s /tmp/torvex-out.$$ "$P-report-$name" || { echo "FAIL: $name replays differently once upgraded"; fail=1; }
+    current+=("$P-upgraded-$name")
+  else
+    current+=("$machine")
+  fi
 done
 /usr/bin/python3 "$HERE/compare_reports.py" "${pairs[@]}" || fail=1
+# Each display back end, and the enclave service beside the host, as their profiles replay them (a process each:
+# the library chooses its back end once per process).
+/usr/bin/python3 - "$P" <<'PY' || fail=1
+import json, sys
+expected = {
+    "amd-radeon-desktop": {"back_end": "AMD Display Library", "colour_temperature_k": 6500, "brightness_adjustment": 0,
+                           "brightness_percent": None},
+    "hybrid-graphics-laptop": {"back_end": "graphics driver's COM server", "brightness_percent": 70},
+    "intel-igcl-laptop": {"back_end": "Intel Graphics Control Library", "brightness_percent": None},
+}
+failures = []
+for name, facts in expected.items():
+    report = json.load(open(f"{sys.argv[1]}-report-{name}.json", encoding="utf-8"))
+    display = report["display"]
+    failures += [f"{name}: display {key} is {display.get(key, '(absent)')!r}, not {value!r}"
+                 for key, value in facts.items() if display.get(key, "(absent)") != value]
+    if not display["available"]:
+        failures.append(f"{name}: display not available")
+    service = "yes" if name == "intel-igcl-laptop" else "no"
+    if not report["enclave"]["note"].endswith(f"Vaultrun.dll beside the host: {service})"):
+        failures.append(f"{name}: enclave note {report['enclave']['note']!r}")
+print("\n".join(f"FAIL: {f}" for f in failures) or "ok: every display back end and the enclave service replayed")
+sys.exit(1 if failures else 0)
+PY
+/usr/bin/python3 "$HERE/check_real_laptop.py" "$P-report-dell-inspiron-5521.json" || fail=1
+check "upgrade over an existing file" 1 $T upgrade "$MACHINES/wine.json" "$P.json"
 /usr/bin/python3 "$HERE/check_schema.py" "$SCHEMA" "$P"-report-*.json || fail=1
 /usr/bin/python3 "$HERE/check_profiles.py" "$PROFILE_SCHEMA" "$MACHINES/intel-laptop.json" $P-redacted.json \
-  "$MACHINES"/*.json $P.json || fail=1
-rm -f /tmp/torvex-out.$$ /tmp/torvex-err.$$ /tmp/torvex-report.$$ $P*
+  "${current[@]}" $P.json || fail=1
+
+# torvex diff: the same machine twice, and live against its own capture, differ in nothing (exit 0); one changed
+# fact is that fact (exit 1), in text and in JSON; a profile that cannot be read is trouble (exit 2).
+check "diff of a profile with itself" 0 $T diff "$MACHINES/intel-laptop.json" "$MACHINES/intel-laptop.json"
+tr -d '\r' </tmp/torvex-out.$$ | grep -qx "no fact differs" || { echo "FAIL: diff of a profile with itself says:"; cat /tmp/torvex-out.$$; fail=1; }
+check "diff of live with its capture" 0 $T diff live $P.json
+check "diff of a profile with its redacted capture" 0 $T diff "$MACHINES/intel-laptop.json" $P-redacted.json
+/usr/bin/python3 - "$P.json" "$P-changed.json" <<'PY'
+import json, sys
+profile = json.load(open(sys.argv[1], encoding="utf-8"))
+profile["wmi"]["ROOT\\CIMV2"]["queries"]["SELECT Product FROM Win32_BaseBoard"]["rows"][0]["Product"] = "Changed Board"
+json.dump(profile, open(sys.argv[2], "w", encoding="utf-8"))
+PY
+code=0; $T diff $P.json $P-changed.json >/tmp/torvex-out.$$ 2>/tmp/torvex-err.$$ || code=$?
+tr -d '\r' </tmp/torvex-out.$$ >/tmp/torvex-diff.$$
+if [ "$code" != 1 ] || ! grep -qx '== mainboard ==' /tmp/torvex-diff.$$ || ! grep -q '^  board_product .*|  Changed Board$' /tmp/torvex-diff.$$ ||
+   ! grep -qx "1 fact differs in 1 section" /tmp/torvex-diff.$$; then
+  echo "FAIL: diff of one changed fact: exit $code"; cat /tmp/torvex-out.$$ /tmp/torvex-err.$$; fail=1
+else
+  echo "ok: diff of one changed fact"
+fi
+code=0; $T diff live $P-changed.json --json >/tmp/torvex-out.$$ 2>/tmp/torvex-err.$$ || code=$?
+/usr/bin/python3 - /tmp/torvex-out.$$ "$code" <<'PY' || fail=1
+import json, sys
+diff = json.load(open(sys.argv[1], encoding="utf-8"))
+expected = {"mainboard": [{"fact": "board_product", "a": "Base Board", "b": "Changed Board"}]}
+ok = sys.argv[2] == "1" and diff["schema"] == "torvex-diff/1" and diff["differ"] is True and diff["sections"] == expected
+print("ok: diff --json of one changed fact" if ok else f"FAIL: diff --json of one changed fact (exit {sys.argv[2]}): {diff}")
+sys.exit(0 if ok else 1)
+PY
+check "diff of a profile that cannot be read" 2 $T diff $P.json $P-bad.json
+check "diff without a second side" 2 $T diff $P.json
+rm -f /tmp/torvex-out.$$ /tmp/torvex-err.$$ /tmp/torvex-diff.$$ /tmp/torvex-report.$$ $P*
 exit $fail

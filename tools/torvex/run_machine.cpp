@@ -139,5 +139,12 @@ void RecordVendorPresence() {
 Profile* ReplayedProfile() { return g_replay; }
 
 const std::wstring& ReplayedFile() { return g_replayFile; }
+bool CalledSince(const std::string& source, const std::string& call, const std::string& outcome) {
+    const std::vector<torvex::sim::Event> events = g_trace.Events();
+    for (size_t i = g_callStart; i < events.size(); ++i)
+        if (events[i].source == source && events[i].call.rfind(call, 0) == 0 && events[i].outcome.rfind(outcome, 0) == 0)
+            return true;
+    return false;
+}
 
 }  // namespace tool

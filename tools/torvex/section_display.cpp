@@ -6,21 +6,33 @@
 namespace tool {
 namespace {
 
+constexpr char kAmd[] = "AMD Display Library";
+constexpr char kServer[] = "graphics driver's COM server";
+constexpr char kIntel[] = "Intel Graphics Control Library";
+constexpr char kNone[] = "none (no adapter named AMD or Intel)";
+
 // The back end answers through the context the AMD library hands out, or
 // without one for the driver's COM server and the Intel library. Queries and
 // sets take the (adapter, display) pair, which starts at the context's third word.
 struct DisplayBackend {
     bool ready = false;
     DisplayColorContext* context = nullptr;
+    std::string name;
     void* pair() const { return context != nullptr ? &context->adapterIndex : nullptr; }
-    std::string name() const { return context != nullptr ? "AMD Display Library" : "graphics driver (COM server or Intel library)"; }
 };
 
+// Which back end the library chose, from what its initialisation did. The
+// library chooses once for its process and does not ask the server again.
 DisplayBackend OpenBackend() {
+    static std::string chosen;
     DisplayBackend backend;
     void* out = nullptr;
     backend.ready = Library().HalInit(HAL_CLASS_DISPLAY, &out) != 0;
     backend.context = static_cast<DisplayColorContext*>(out);
+    if (backend.context != nullptr) chosen = kAmd;
+    else if (CalledSince("com", "graphics driver server", "created")) chosen = kServer;
+    else if (CalledSince("library", "ControlLib.dll", "loaded")) chosen = kIntel;
+    backend.name = chosen.empty() ? kNone : chosen;
     return backend;
 }
 
@@ -31,13 +43,31 @@ void Fill(Section& section) {
         section.note = Refused(HAL_CLASS_DISPLAY, "no display back end");
         return;
     }
-    section.Text("back end", backend.context != nullptr ? "AMD Display Library" : "none found, or a driver back end");
-    BrightnessRange range{};
+    section.Text("back end", backend.name);
     uint32_t written = 0;
-    if (api.HalQueryInformation(HAL_CLASS_DISPLAY, backend.pair(), HAL_DISPLAY_BRIGHTNESS, &range, sizeof(range), &written))
-        section.Number("brightness", range.current, "%");
-    else
-        section.Missing("brightness", "no display back end on this machine", "%");
+    if (backend.name == kAmd) {
+        // The AMD library's colours: the temperature in kelvin and a brightness adjustment around 0.
+        ColorRange range{};
+        if (api.HalQueryInformation(HAL_CLASS_DISPLAY, backend.pair(), HAL_DISPLAY_TEMPERATURE, &range, sizeof(range), &written))
+            section.Number("colour temperature", range.current, "K");
+        else
+            section.Missing("colour temperature", "the library does not offer it for this display", "K");
+        section.Absent("brightness", "the AMD Display Library gives a brightness adjustment, not a percentage", "%");
+        if (api.HalQueryInformation(HAL_CLASS_DISPLAY, backend.pair(), HAL_DISPLAY_BRIGHTNESS, &range, sizeof(range), &written))
+            section.Number("brightness adjustment", range.current);
+        else
+            section.Missing("brightness adjustment", "the library does not offer it for this display");
+    } else if (backend.name == kServer) {
+        BrightnessRange range{};
+        if (api.HalQueryInformation(HAL_CLASS_DISPLAY, nullptr, HAL_DISPLAY_BRIGHTNESS, &range, sizeof(range), &written))
+            section.Number("brightness", range.current, "%");
+        else
+            section.Missing("brightness", "not in the active power scheme", "%");
+        section.Source("the active power scheme's video brightness for the current power source");
+    } else {
+        section.Absent("brightness", backend.name == kIntel ? "the Intel Graphics Control Library answers no query"
+                                                            : "no display back end on this machine", "%");
+    }
     FreeRecord(backend.context);
 }
 
@@ -107,7 +137,7 @@ int RunDisplay(const std::vector<std::wstring>& args) {
         result = api.HalSetInformation(HAL_CLASS_DISPLAY, backend.pair(), HAL_DISPLAY_CHANNEL_GAINS, &request, sizeof(request), &written, 0);
         done = "channel gains set";
     }
-    const std::string served = backend.name();
+    const std::string served = backend.name;
     FreeRecord(backend.context);
     if (!result) {
         PrintError("torvex display: the library refused (" + served + ")");
