@@ -231,10 +231,4 @@ bool Append(WideVector* list, std::wstring_view item) noexcept {
     return true;
 }
 
-void Destroy(WideVector* list) noexcept {
-    Clear(list);
-    if (list->first != nullptr) Deallocate(list->first, BlockBytes(list));
-    *list = WideVector{nullptr, nullptr, nullptr};
-}
-
 }  // namespace torvex::msvc

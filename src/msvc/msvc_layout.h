@@ -139,7 +139,5 @@ void Clear(WideVector* list) noexcept;
 // push_back of one string onto a valid vector; false when memory ran out
 // (the vector is then unchanged).
 bool Append(WideVector* list, std::wstring_view item) noexcept;
-// Destroys a valid vector's elements and releases its block.
-void Destroy(WideVector* list) noexcept;
 
 }  // namespace torvex::msvc
