@@ -105,6 +105,7 @@ constexpr size_t VectorCapacityFor(size_t needed, size_t old) {
 }
 
 // --------------------------------------------------------------- strings
+// Whether a host's string is one its library could have made (see the top).
 template <typename C>
 bool Valid(const String<C>* text) noexcept;
 // Builds a string in raw storage the way the library's constructor does.
@@ -112,7 +113,7 @@ bool Valid(const String<C>* text) noexcept;
 template <typename C>
 bool Construct(String<C>* out, std::basic_string_view<C> text) noexcept;
 // Replaces a valid string's text in place, growing it as the library's
-// assign does. False when memory ran out; `text` is then unchanged.
+// assign does. False when memory ran out; `target` is then unchanged.
 template <typename C>
 bool Assign(String<C>* target, std::basic_string_view<C> text) noexcept;
 // Releases a valid string's block and leaves it empty and small.
