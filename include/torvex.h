@@ -11,7 +11,9 @@
  * The four helper classes at the end (HalWmi, DeviceInformention, ReadReg,
  * StringProc) are exported with the decorated names of the mingw-w64 GCC
  * toolchain; a C++ host built with that toolchain links against them through
- * the import library.
+ * the import library. DeviceInformention, ReadReg and StringProc are also
+ * exported with Microsoft's decorated names, for hosts built with Microsoft's
+ * toolchain (docs/api.md, "Two C++ boundaries").
  */
 #ifndef TORVEX_H
 #define TORVEX_H
@@ -488,7 +490,7 @@ TORVEX_API uint32_t MmQueryInformation(void* entry, uint32_t code, void* buffer,
 } /* extern "C" */
 
 /* ------------------------------------------------------------------------ */
-/* Exported helper classes (C++ hosts built with mingw-w64 GCC)              */
+/* Exported helper classes (C++ hosts: see the comment at the top)          */
 /* ------------------------------------------------------------------------ */
 
 #include <guiddef.h>

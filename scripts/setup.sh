@@ -3,7 +3,8 @@
 # missing, configures the build, builds, and initialises the private Wine
 # prefix in the build tree.
 #   setup.sh             everything: Torvex.dll, torvex.exe and every test
-#                        (installs the test framework and the schema checker too)
+#                        (installs the test framework, the schema checker and
+#                        clang, lld and llvm for the Microsoft-ABI host too)
 #   setup.sh TARGET...   only those targets and what they need, e.g. `torvex`
 #                        for Torvex.dll and torvex.exe
 set -euo pipefail
@@ -22,6 +23,10 @@ if [ ${#targets[@]} -eq 0 ]; then
   [ -f /usr/src/googletest/CMakeLists.txt ] || missing+=(googletest)
   [ -x /usr/bin/python3 ] || missing+=(python3)
   /usr/bin/python3 -c 'import jsonschema' >/dev/null 2>&1 || missing+=(python3-jsonschema)
+  # The Microsoft-ABI host of the tests: clang in Microsoft mode, lld-link, llvm-dlltool.
+  command -v clang >/dev/null 2>&1 || missing+=(clang)
+  command -v lld-link >/dev/null 2>&1 || missing+=(lld)
+  command -v llvm-dlltool >/dev/null 2>&1 || missing+=(llvm)
 fi
 if [ ${#missing[@]} -gt 0 ]; then
   echo "setup: installing ${missing[*]}"

@@ -18,6 +18,7 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <unordered_map>
 
 #include "source.h"
 
@@ -196,13 +197,13 @@ void DecodeProperty(const Json& value, DEVPROPTYPE& type, std::vector<uint8_t>& 
 
 void ValidateProperty(const Json& value, const At& at) {
     if (value.is_null()) return;
-    const char* shape = "null, {\"error\": n}, or one of {\"string\": ...}, {\"string_list\": [...]}, "
+    const char* shape = "null, {\"error\": \"0x...\"}, or one of {\"string\": ...}, {\"string_list\": [...]}, "
                         "{\"uint32\": n}, {\"guid\": ...}, {\"filetime\": n}, {\"boolean\": b}, "
                         "{\"type\": n, \"binary\": hex}";
     if (!value.is_object() || value.empty()) Expected(at, shape);
     ExpectOnly(value, at, {"error", "string", "string_list", "uint32", "guid", "filetime", "boolean", "type", "binary"});
     if (value.contains("error")) {
-        ExpectUnsigned(value["error"], at / "error", 0xFFFFFFFFu);
+        ExpectError(value["error"], at / "error");
         if (value.size() != 1) Expected(at, shape);
         return;
     }
@@ -252,8 +253,9 @@ void Validate(const Json& devices, const At& at) {
             const Json& status = node["status"];
             ExpectObject(status, n / "status");
             ExpectOnly(status, n / "status", {"flags", "problem", "error"});
-            for (const char* field : {"flags", "problem", "error"})
+            for (const char* field : {"flags", "problem"})
                 if (status.contains(field)) ExpectUnsigned(status[field], n / "status" / field, 0xFFFFFFFFu);
+            if (status.contains("error")) ExpectError(status["error"], n / "status" / "error");
         }
         if (node.contains("interfaces")) {
             ExpectObject(node["interfaces"], n / "interfaces");
@@ -278,14 +280,14 @@ struct SimSet {
 };
 
 std::map<HDEVINFO, std::unique_ptr<SimSet>> g_simSets;
-std::vector<std::string> g_nodeIds;  // replay: DevInst i + 1 -> instance ID
-std::map<DEVINST, std::string> g_liveIds;  // live: DevInst -> instance ID
+std::vector<std::string> g_nodeIds;                  // replay: DevInst i + 1 -> instance ID
+std::unordered_map<std::string, DEVINST> g_nodeOf;  // replay: instance ID -> DevInst
+std::map<DEVINST, std::string> g_liveIds;           // live: DevInst -> instance ID
 
 DEVINST NodeOf(const std::string& id) {
-    for (size_t i = 0; i < g_nodeIds.size(); ++i)
-        if (g_nodeIds[i] == id) return static_cast<DEVINST>(i + 1);
-    g_nodeIds.push_back(id);
-    return static_cast<DEVINST>(g_nodeIds.size());
+    const auto [at, added] = g_nodeOf.try_emplace(id, static_cast<DEVINST>(g_nodeIds.size() + 1));
+    if (added) g_nodeIds.push_back(id);
+    return at->second;
 }
 
 SimSet* Sim(HDEVINFO set) {
@@ -414,7 +416,7 @@ std::string Room(DWORD size) { return "room " + std::to_string(size) + " bytes";
 BOOL AnswerProperty(const Json& value, const std::string& call, DEVPROPTYPE* type, PBYTE buffer, DWORD size,
                     PDWORD required) {
     if (value.is_null() || value.contains("error")) {
-        const DWORD error = value.is_null() ? ERROR_NOT_FOUND : value["error"].get<DWORD>();
+        const DWORD error = value.is_null() ? ERROR_NOT_FOUND : static_cast<DWORD>(ErrorCode(value["error"]));
         Note("setupapi", call, value.is_null() ? "missing" : "error " + std::to_string(error), true, Room(size));
         SetLastError(error);
         return FALSE;
@@ -453,7 +455,7 @@ BOOL WINAPI HookGetProperty(HDEVINFO set, PSP_DEVINFO_DATA data, const DEVPROPKE
             error = read ? ERROR_SUCCESS : GetLastError();
         }
         if (read) value = EncodeProperty(kind, bytes);
-        else if (error != ERROR_NOT_FOUND) value = Json{{"error", error}};
+        else if (error != ERROR_NOT_FOUND) value = Json{{"error", HresultText(static_cast<long>(error))}};
     } else {
         if (id.empty()) {  // a record the set never filled: refused, as Windows refuses it
             Note("setupapi", "a record of no device " + name, "error 87", true, Room(size));
@@ -644,7 +646,8 @@ CONFIGRET WINAPI HookNodeStatus(PULONG status, PULONG problem, DEVINST node, ULO
         SP_DEVINFO_DATA data{};
         data.DevInst = node;
         id = IdOf(nullptr, &data);
-        answer = result == CR_SUCCESS ? Json{{"flags", liveStatus}, {"problem", liveProblem}} : Json{{"error", result}};
+        answer = result == CR_SUCCESS ? Json{{"flags", liveStatus}, {"problem", liveProblem}}
+                                      : Json{{"error", HresultText(static_cast<long>(result))}};
     } else {
         id = node >= 1 && node <= g_nodeIds.size() ? g_nodeIds[node - 1] : std::string();
         const Json* found = Replayed({"devices", "nodes", id, "status"});
@@ -656,8 +659,9 @@ CONFIGRET WINAPI HookNodeStatus(PULONG status, PULONG problem, DEVINST node, ULO
     }
     if (!id.empty()) Keep({"devices", "nodes", id, "status"}, answer);
     if (answer.contains("error")) {
-        Note("cfgmgr", "status of " + id, "error " + answer["error"].dump(), true);
-        return answer["error"].get<CONFIGRET>();
+        const auto result = static_cast<CONFIGRET>(ErrorCode(answer["error"]));
+        Note("cfgmgr", "status of " + id, "error " + std::to_string(result), true);
+        return result;
     }
     if (status != nullptr) *status = answer.value("flags", 0u);
     if (problem != nullptr) *problem = answer.value("problem", 0u);
@@ -684,6 +688,7 @@ void Install(Installer& installer) {
 void Reset() {
     g_simSets.clear();
     g_nodeIds.clear();
+    g_nodeOf.clear();
     g_liveIds.clear();
 }
 

@@ -11,6 +11,7 @@
 #include <windows.h>
 #include <winioctl.h>
 
+#include <cctype>
 #include <cstring>
 #include <map>
 
@@ -161,6 +162,27 @@ std::vector<uint8_t> DecodeOutput(DWORD code, int level, const Json& answer) {
     return out;
 }
 
+// The reverse of AnswerKey: a known control code name, or "0x" and eight hex
+// digits, then optionally a space and the input as hex byte pairs.
+bool ParseAnswerKey(const std::string& key, DWORD& code, std::vector<uint8_t>& input) {
+    const size_t space = key.find(' ');
+    const std::string head = key.substr(0, space);
+    bool known = false;
+    for (const CodeName& entry : kCodes)
+        if (head == entry.name) code = entry.code, known = true;
+    if (!known) {
+        if (head.size() != 10 || head.compare(0, 2, "0x") != 0) return false;
+        for (size_t i = 2; i < head.size(); ++i)
+            if (std::isxdigit(static_cast<unsigned char>(head[i])) == 0) return false;
+        code = static_cast<DWORD>(std::stoul(head.substr(2), nullptr, 16));
+    }
+    input.clear();
+    if (space == std::string::npos) return true;
+    const std::string tail = key.substr(space + 1);
+    if (tail.empty() || tail.find(' ') != std::string::npos) return false;
+    return ParseHex(tail, input);
+}
+
 std::string AnswerKey(DWORD code, const std::vector<uint8_t>& input) {
     return input.empty() ? CodeText(code) : CodeText(code) + " " + Hex(input.data(), input.size());
 }
@@ -169,18 +191,14 @@ void ValidateAnswer(const std::string& key, const Json& answer, const At& at) {
     ExpectObject(answer, at);
     ExpectOnly(answer, at, {"error", "out", "fields", "text", "returned"});
     const size_t forms = answer.count("error") + answer.count("out") + answer.count("fields") + answer.count("text");
-    if (forms != 1) Expected(at, "one of {\"error\": n}, {\"out\": hex}, {\"fields\": {...}}, {\"text\": ...}");
-    if (answer.contains("error")) ExpectUnsigned(answer["error"], at / "error", 0xFFFFFFFFu);
+    if (forms != 1) Expected(at, "one of {\"error\": \"0x...\"}, {\"out\": hex}, {\"fields\": {...}}, {\"text\": ...}");
+    if (answer.contains("error")) ExpectError(answer["error"], at / "error");
     if (answer.contains("out")) ExpectHex(answer["out"], at / "out", 65536);
     if (answer.contains("text")) ExpectString(answer["text"], at / "text");
     DWORD code = 0;
-    bool named = false;
-    for (const CodeName& entry : kCodes)
-        if (key.rfind(entry.name, 0) == 0) code = entry.code, named = true;
-    if (!named && (key.size() < 10 || key.rfind("0x", 0) != 0)) Expected(at, "an answer named by an IOCTL_ name or 0xCODE, then the input in hex");
-    const size_t space = key.find(' ');
     std::vector<uint8_t> input;
-    if (space != std::string::npos && !ParseHex(key.substr(space + 1), input)) Expected(at, "the input bytes in hex after the code");
+    if (!ParseAnswerKey(key, code, input))
+        Expected(at, "an answer named by a known IOCTL_ name or 0x and eight hex digits, then a space and the input in hex");
     if (answer.contains("fields")) {
         const Layout* layout = LayoutOf(code, LevelOf(code, input));
         if (layout == nullptr) Expected(at / "fields", "\"out\": no named fields for this control code");
@@ -214,7 +232,7 @@ void Validate(const Json& files, const At& at) {
             if (entry.contains("open") && !entry["open"].is_boolean()) {
                 ExpectObject(entry["open"], p / "open");
                 ExpectOnly(entry["open"], p / "open", {"error"});
-                ExpectUnsigned(entry["open"].value("error", Json()), p / "open" / "error", 0xFFFFFFFFu);
+                ExpectError(entry["open"].value("error", Json()), p / "open" / "error");
             }
             if (!entry.contains("ioctls")) continue;
             ExpectObject(entry["ioctls"], p / "ioctls");
@@ -227,7 +245,9 @@ void Validate(const Json& files, const At& at) {
             const At r = at / "free_space" / root;
             ExpectObject(entry, r);
             ExpectOnly(entry, r, {"error", "free_bytes", "total_bytes", "available_bytes"});
-            for (const auto& [key, value] : entry.items()) ExpectUnsigned(value, r / key);
+            for (const auto& [key, value] : entry.items())
+                if (key == "error") ExpectError(value, r / key);
+                else ExpectUnsigned(value, r / key);
         }
     }
 }
@@ -240,7 +260,7 @@ HANDLE Open(const std::string& path, const std::string& detail, const std::funct
     HANDLE handle = INVALID_HANDLE_VALUE;
     if (Active().live()) {
         handle = real();
-        answer = handle != INVALID_HANDLE_VALUE ? Json(true) : Json{{"error", GetLastError()}};
+        answer = handle != INVALID_HANDLE_VALUE ? Json(true) : Json{{"error", HresultText(static_cast<long>(GetLastError()))}};
     } else if (const Json* found = Replayed({"files", "paths", path, "open"})) {
         answer = *found;
         if (answer == true) handle = CreateEventW(nullptr, TRUE, FALSE, nullptr);
@@ -251,7 +271,7 @@ HANDLE Open(const std::string& path, const std::string& detail, const std::funct
     }
     Keep({"files", "paths", path, "open"}, answer);
     if (handle == INVALID_HANDLE_VALUE || handle == nullptr) {
-        const DWORD error = answer.is_object() ? answer["error"].get<DWORD>() : ERROR_FILE_NOT_FOUND;
+        const DWORD error = answer.is_object() ? static_cast<DWORD>(ErrorCode(answer["error"])) : ERROR_FILE_NOT_FOUND;
         Note("file", "open " + path, "error " + std::to_string(error), true, detail);
         SetLastError(error);
         return INVALID_HANDLE_VALUE;
@@ -292,7 +312,7 @@ BOOL WINAPI HookIoctl(HANDLE handle, DWORD code, LPVOID in, DWORD inSize, LPVOID
     if (Active().live()) {
         DWORD count = 0;
         if (!g_ioctl(handle, code, in, inSize, out, outSize, &count, overlapped)) {
-            answer = Json{{"error", GetLastError()}};
+            answer = Json{{"error", HresultText(static_cast<long>(GetLastError()))}};
         } else {
             const auto* bytes = static_cast<const uint8_t*>(out);
             answer = EncodeOutput(code, level, std::vector<uint8_t>(bytes, bytes + (out != nullptr ? count : 0)));
@@ -306,8 +326,8 @@ BOOL WINAPI HookIoctl(HANDLE handle, DWORD code, LPVOID in, DWORD inSize, LPVOID
     }
     Keep({"files", "paths", path, "ioctls", key}, answer);
     if (answer.contains("error")) {
-        Note("ioctl", call, "error " + answer["error"].dump(), true, detail);
-        SetLastError(answer["error"].get<DWORD>());
+        Note("ioctl", call, "error " + std::to_string(ErrorCode(answer["error"])), true, detail);
+        SetLastError(static_cast<DWORD>(ErrorCode(answer["error"])));
         return FALSE;
     }
     const std::vector<uint8_t> bytes = DecodeOutput(code, level, answer);
@@ -331,7 +351,7 @@ BOOL WINAPI HookFreeSpace(LPCSTR root, PULARGE_INTEGER available, PULARGE_INTEGE
         ULARGE_INTEGER a{}, t{}, f{};
         answer = g_freeSpace(root, &a, &t, &f) ? Json{{"available_bytes", a.QuadPart}, {"total_bytes", t.QuadPart},
                                                       {"free_bytes", f.QuadPart}}
-                                               : Json{{"error", GetLastError()}};
+                                               : Json{{"error", HresultText(static_cast<long>(GetLastError()))}};
     } else if (const Json* found = Replayed({"files", "free_space", name})) {
         answer = *found;
     } else {
@@ -341,8 +361,8 @@ BOOL WINAPI HookFreeSpace(LPCSTR root, PULARGE_INTEGER available, PULARGE_INTEGE
     }
     Keep({"files", "free_space", name}, answer);
     if (answer.contains("error")) {
-        Note("volume", "free space of " + name, "error " + answer["error"].dump(), true);
-        SetLastError(answer["error"].get<DWORD>());
+        Note("volume", "free space of " + name, "error " + std::to_string(ErrorCode(answer["error"])), true);
+        SetLastError(static_cast<DWORD>(ErrorCode(answer["error"])));
         return FALSE;
     }
     if (available != nullptr) available->QuadPart = answer.value("available_bytes", 0ull);

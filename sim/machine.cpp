@@ -3,10 +3,12 @@
 #include <objbase.h>
 
 #include <atomic>
+#include <cctype>
 #include <cwctype>
 #include <stdexcept>
 
 #include "source.h"
+#include "vendor.h"
 
 namespace torvex::sim {
 
@@ -54,9 +56,17 @@ const Json* Child(const Json* object, const std::string& key) {
     if (object == nullptr || !object->is_object()) return nullptr;
     auto exact = object->find(key);
     if (exact != object->end()) return &*exact;
-    const std::string wanted = Lower(key);
+    // Compared in place, without a lower-case copy of every member: a
+    // recording adds members one at a time, each after a miss here.
+    auto same = [&](const std::string& name) {
+        if (name.size() != key.size()) return false;
+        for (size_t i = 0; i < name.size(); ++i)
+            if (name[i] != key[i] && std::tolower(static_cast<unsigned char>(name[i])) != std::tolower(static_cast<unsigned char>(key[i])))
+                return false;
+        return true;
+    };
     for (auto it = object->begin(); it != object->end(); ++it)
-        if (Lower(it.key()) == wanted) return &*it;
+        if (same(it.key())) return &*it;
     return nullptr;
 }
 
@@ -152,6 +162,12 @@ std::string HexNumber(unsigned long value) {
 
 long ParseHresult(const std::string& text) { return static_cast<long>(std::stoul(text, nullptr, 16)); }
 
+unsigned long ErrorCode(const Json& value) {
+    if (value.is_string()) return static_cast<unsigned long>(ParseHresult(value.get<std::string>()));
+    if (value.is_number_unsigned()) return static_cast<unsigned long>(value.get<uint64_t>());
+    return value.is_number_integer() ? static_cast<unsigned long>(value.get<int64_t>()) : 0;
+}
+
 std::string GuidText(const GUID& g) {
     char text[48];
     snprintf(text, sizeof(text), "{%08lX-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X}",
@@ -231,13 +247,20 @@ Machine::Held Machine::Holding() {
     held.deviceSets = detail::HeldSets();
     held.files = detail::HeldFiles();
     held.wlanMemory = detail::HeldWlanMemory();
+    held.vendorContexts = detail::HeldAdlContexts();
+    held.vendorHandles = detail::HeldIgclHandles();
+    held.vendorLibraries = detail::HeldVendorModules();
+    held.vendorMemory = detail::HeldVendorMemory();
+    held.graphicsServers = detail::LiveGraphicsServers();
     return held;
 }
 
 std::string Machine::Held::Describe() const {
     return std::to_string(comObjects) + " COM objects, " + std::to_string(registryKeys) + " registry keys, " +
            std::to_string(deviceSets) + " device sets, " + std::to_string(files) + " files, " +
-           std::to_string(wlanMemory) + " Wlan blocks";
+           std::to_string(wlanMemory) + " Wlan blocks, " + std::to_string(vendorContexts) + " ADL contexts, " +
+           std::to_string(vendorHandles) + " IGCL API handles, " + std::to_string(vendorLibraries) +
+           " vendor libraries loaded, " + std::to_string(vendorMemory) + " vendor memory blocks";
 }
 
 void Machine::RecordVendorPresence() { detail::RecordVendorPresence(); }

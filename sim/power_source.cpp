@@ -89,7 +89,7 @@ void Validate(const Json& power, const At& at) {
         ExpectObject(s, a);
         if (s.contains("error")) {
             ExpectOnly(s, a, {"error"});
-            ExpectUnsigned(s["error"], a / "error", 0xFFFFFFFFu);
+            ExpectError(s["error"], a / "error");
         } else {
             ExpectOnly(s, a, {kStatusFields[0], kStatusFields[1], kStatusFields[2], kStatusFields[3], kStatusFields[4],
                               kStatusFields[5]});
@@ -105,7 +105,7 @@ void Validate(const Json& power, const At& at) {
         ExpectObject(b, a);
         if (b.contains("status")) {
             ExpectOnly(b, a, {"status"});
-            ExpectInteger(b["status"], a / "status", INT32_MIN, UINT32_MAX);
+            ExpectError(b["status"], a / "status");
         } else {
             for (const auto& [key, value] : b.items()) {
                 bool flag = false, number = false;
@@ -124,7 +124,7 @@ void Validate(const Json& power, const At& at) {
         ExpectObject(s, a);
         ExpectOnly(s, a, {"active", "error", "values"});
         if (s.contains("active")) ExpectGuid(s["active"], a / "active");
-        if (s.contains("error")) ExpectUnsigned(s["error"], a / "error", 0xFFFFFFFFu);
+        if (s.contains("error")) ExpectError(s["error"], a / "error");
         if (s.contains("values")) {
             ExpectObject(s["values"], a / "values");
             for (const auto& [key, value] : s["values"].items()) {
@@ -145,7 +145,7 @@ BOOL WINAPI HookStatus(LPSYSTEM_POWER_STATUS out) {
     Json answer;
     if (Active().live()) {
         SYSTEM_POWER_STATUS status{};
-        answer = g_status(&status) ? EncodeStatus(status) : Json{{"error", GetLastError()}};
+        answer = g_status(&status) ? EncodeStatus(status) : Json{{"error", HresultText(static_cast<long>(GetLastError()))}};
     } else if (const Json* found = Replayed({"power", "status"})) {
         answer = *found;
     } else {
@@ -155,8 +155,8 @@ BOOL WINAPI HookStatus(LPSYSTEM_POWER_STATUS out) {
     }
     Keep({"power", "status"}, answer);
     if (answer.contains("error")) {
-        Note("power", "power status", "error " + answer["error"].dump(), true);
-        SetLastError(answer["error"].get<DWORD>());
+        Note("power", "power status", "error " + std::to_string(ErrorCode(answer["error"])), true);
+        SetLastError(static_cast<DWORD>(ErrorCode(answer["error"])));
         return FALSE;
     }
     if (out == nullptr) {
@@ -180,7 +180,7 @@ LONG WINAPI HookInformation(POWER_INFORMATION_LEVEL level, PVOID in, ULONG inSiz
     if (Active().live()) {
         SYSTEM_BATTERY_STATE state{};
         const LONG status = g_information(level, in, inSize, &state, sizeof(state));
-        answer = status == 0 ? EncodeBattery(state) : Json{{"status", status}};
+        answer = status == 0 ? EncodeBattery(state) : Json{{"status", HresultText(status)}};
     } else if (const Json* found = Replayed({"power", "battery_state"})) {
         answer = *found;
     } else {
@@ -189,8 +189,9 @@ LONG WINAPI HookInformation(POWER_INFORMATION_LEVEL level, PVOID in, ULONG inSiz
     }
     Keep({"power", "battery_state"}, answer);
     if (answer.contains("status")) {
-        Note("power", "battery state", "status " + HresultText(answer["status"].get<LONG>()), true);
-        return answer["status"].get<LONG>();
+        const auto status = static_cast<LONG>(ErrorCode(answer["status"]));
+        Note("power", "battery state", "status " + HresultText(status), true);
+        return status;
     }
     if (out == nullptr || outSize < sizeof(SYSTEM_BATTERY_STATE)) return static_cast<LONG>(0xC0000023);  // buffer too small
     const SYSTEM_BATTERY_STATE state = DecodeBattery(answer);
@@ -207,7 +208,7 @@ DWORD WINAPI HookGetScheme(HKEY root, GUID** scheme) {
             Keep({"power", "scheme", "active"}, GuidText(**scheme));
             g_schemes.insert(*scheme);
         } else {
-            Keep({"power", "scheme", "error"}, result);
+            Keep({"power", "scheme", "error"}, HresultText(static_cast<long>(result)));
         }
         Note("power", "active scheme", result == 0 ? GuidText(**scheme) : "error " + std::to_string(result), result != 0);
         return result;
@@ -215,8 +216,8 @@ DWORD WINAPI HookGetScheme(HKEY root, GUID** scheme) {
     const Json* active = Replayed({"power", "scheme", "active"});
     if (active == nullptr || scheme == nullptr) {
         const Json* error = Replayed({"power", "scheme", "error"});
-        const DWORD result = error != nullptr ? error->get<DWORD>() : ERROR_FILE_NOT_FOUND;
-        if (error != nullptr) Keep({"power", "scheme", "error"}, result);
+        const DWORD result = error != nullptr ? static_cast<DWORD>(ErrorCode(*error)) : ERROR_FILE_NOT_FOUND;
+        if (error != nullptr) Keep({"power", "scheme", "error"}, HresultText(static_cast<long>(result)));
         Note("power", "active scheme", error != nullptr ? "error " + std::to_string(result) : "not in the profile", true);
         return result;
     }

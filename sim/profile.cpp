@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 
@@ -32,7 +33,7 @@ void Validate(const Json& doc) {
     ExpectObject(doc, root);
     if (!doc.contains("schema")) Expected(root / "schema", std::string("the member \"schema\": \"") + kProfileSchema + "\"");
     if (!doc["schema"].is_string() || doc["schema"].get<std::string>() != kProfileSchema)
-        Expected(root / "schema", std::string("\"") + kProfileSchema + "\"");
+        Expected(root / "schema", std::string("\"") + kProfileSchema + "\" (or \"" + kProfileSchemaVersion1 + "\")");
     for (const auto& [key, value] : doc.items()) {
         if (key == "schema") continue;
         if (key == "machine") {
@@ -55,6 +56,109 @@ std::string ParseMessage(const std::string& what) {
     return at == std::string::npos ? what : what.substr(at);
 }
 
+// "line 3, column 5" of the character at `index` (both counted from 1).
+std::string Place(const std::string& text, size_t index) {
+    index = std::min(index, text.size());
+    size_t line = 1, lineStart = 0;
+    for (size_t i = 0; i < index; ++i)
+        if (text[i] == '\n') ++line, lineStart = i + 1;
+    return "line " + std::to_string(line) + ", column " + std::to_string(index - lineStart + 1);
+}
+
+// Builds the document in one pass over the text and refuses on the way what
+// the plain parse would accept or report badly: nesting beyond the limit, a
+// member name given twice or holding control characters, a number no double
+// holds. Each refusal names the place, as a line and column or as the JSON
+// pointer of the member.
+class Builder : public nlohmann::json_sax<Json> {
+public:
+    Builder(const std::string& text, Json& root) : text_(text), root_(root) {}
+
+    bool null() override { return Value(nullptr); }
+    bool boolean(bool value) override { return Value(value); }
+    bool number_integer(number_integer_t value) override { return Value(value); }
+    bool number_unsigned(number_unsigned_t value) override { return Value(value); }
+    bool number_float(number_float_t value, const string_t&) override { return Value(value); }
+    bool string(string_t& value) override { return Value(std::move(value)); }
+    bool binary(binary_t&) override { return Value(nullptr); }  // JSON text holds none
+
+    bool start_object(std::size_t) override { return Open(Json::object()); }
+    bool start_array(std::size_t) override { return Open(Json::array()); }
+    bool end_object() override { return Close(); }
+    bool end_array() override { return Close(); }
+
+    bool key(string_t& name) override {
+        const At here = Here();
+        for (unsigned char c : name)
+            if (c < 0x20 || c == 0x7F)
+                throw ProfileError("at " + Pointer(here / name) + ": expected a member name without control characters");
+        if (open_.back()->contains(name))
+            throw ProfileError("at " + Pointer(here / name) + ": expected each member name once in an object, not twice");
+        key_ = std::move(name);
+        return true;
+    }
+
+    bool parse_error(std::size_t offset, const std::string& token, const nlohmann::detail::exception& e) override {
+        if (dynamic_cast<const Json::parse_error*>(&e) != nullptr)
+            throw ProfileError(ParseMessage(e.what()) + " (expected a JSON document)");
+        // The one other refusal of the parser: a number beyond what a double holds (1e400).
+        // `offset` is just past the number: the message points at its start.
+        throw ProfileError(Place(text_, offset - std::min(offset, token.size())) + ": the number " + token +
+                           " is out of range (expected a number between -1.7e308 and 1.7e308)");
+    }
+
+private:
+    static std::string Pointer(const At& at) { return at.pointer().empty() ? "/" : at.pointer(); }
+
+    // Where the next value goes, as a JSON pointer (for messages only).
+    At Here() const {
+        At at;
+        for (size_t i = 1; i < open_.size(); ++i) at = at / path_[i - 1];
+        return at;
+    }
+
+    Json* Put(Json&& value) {
+        if (open_.empty()) {
+            root_ = std::move(value);
+            return &root_;
+        }
+        Json& parent = *open_.back();
+        if (parent.is_array()) {
+            parent.push_back(std::move(value));
+            return &parent.back();
+        }
+        Json& slot = parent[key_];
+        slot = std::move(value);
+        return &slot;
+    }
+
+    bool Value(Json&& value) {
+        Put(std::move(value));
+        return true;
+    }
+
+    bool Open(Json&& container) {
+        if (open_.size() >= static_cast<size_t>(kMaxDepth))
+            throw ProfileError("nested deeper than " + std::to_string(kMaxDepth) + " levels (expected a profile)");
+        // The member (or index) the new container fills, kept for messages.
+        if (!open_.empty()) path_.push_back(open_.back()->is_array() ? std::to_string(open_.back()->size()) : key_);
+        open_.push_back(Put(std::move(container)));
+        return true;
+    }
+
+    bool Close() {
+        open_.pop_back();
+        if (!path_.empty() && path_.size() >= open_.size()) path_.pop_back();
+        return true;
+    }
+
+    const std::string& text_;
+    Json& root_;
+    std::vector<Json*> open_;        // the containers being filled, outermost first
+    std::vector<std::string> path_;  // the member or index of each open container but the outermost
+    std::string key_;
+};
+
 }  // namespace
 
 const detail::SourceDef* const* SourceTable(size_t& count) {
@@ -69,16 +173,14 @@ Profile Profile::Parse(const std::string& text, const std::string& name) {
         throw ProfileError(name + ": larger than " + std::to_string(kMaxProfileBytes >> 20) + " MiB, not a profile");
     Profile profile;
     try {
-        profile.doc_ = Json::parse(text, [](int depth, Json::parse_event_t, Json&) {
-            if (depth > kMaxDepth) throw ProfileError("nested deeper than " + std::to_string(kMaxDepth) + " levels");
-            return true;
-        });
-    } catch (const Json::parse_error& e) {
-        throw ProfileError(name + ": " + ParseMessage(e.what()) + " (expected a JSON document)");
+        Builder builder(text, profile.doc_);
+        Json::sax_parse(text, &builder);
     } catch (const ProfileError& e) {
-        throw ProfileError(name + ": " + e.what() + " (expected a profile)");
+        throw ProfileError(name + ": " + e.what());
     }
     try {
+        if (profile.doc_.is_object() && profile.doc_.value("schema", Json()) == kProfileSchemaVersion1)
+            detail::UpgradeFromVersion1(profile.doc_);
         Validate(profile.doc_);
     } catch (const ProfileError& e) {
         throw ProfileError(name + ": " + e.what());
@@ -115,12 +217,23 @@ void Profile::Save(const std::wstring& path) const {
 // ------------------------------------------------------------- validation
 
 namespace {
+// A member name as a pointer step; control characters are shown escaped, so
+// that a message stays one line and never drives the terminal.
 std::string Escape(const std::string& key) {
     std::string out;
     for (char c : key) {
-        if (c == '~') out += "~0";
-        else if (c == '/') out += "~1";
-        else out += c;
+        const auto byte = static_cast<unsigned char>(c);
+        if (c == '~') {
+            out += "~0";
+        } else if (c == '/') {
+            out += "~1";
+        } else if (byte < 0x20 || byte == 0x7F) {
+            char escaped[8];
+            std::snprintf(escaped, sizeof(escaped), "\\u%04X", byte);
+            out += escaped;
+        } else {
+            out += c;
+        }
     }
     return out;
 }
@@ -187,6 +300,14 @@ void ExpectHresult(const Json& value, const At& at) {
     bool ok = text.size() == 10 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
     for (size_t i = 2; ok && i < text.size(); ++i) ok = std::isxdigit(static_cast<unsigned char>(text[i])) != 0;
     if (!ok) Expected(at, "an HRESULT such as \"0x80041010\"");
+}
+
+void ExpectError(const Json& value, const At& at) {
+    try {
+        ExpectHresult(value, at);
+    } catch (const ProfileError&) {
+        Expected(at, "an error code such as \"0x00000002\"");
+    }
 }
 
 void ExpectOnly(const Json& object, const At& at, std::initializer_list<const char*> allowed) {

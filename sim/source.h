@@ -72,9 +72,16 @@ bool ParseHex(const std::string& text, std::vector<uint8_t>& bytes);
 std::string HresultText(long hr);  // "0x8004100E"
 std::string HexNumber(unsigned long value);  // "0x20119"
 long ParseHresult(const std::string& text);
+// An error as a profile holds it: "0x" and eight hexadecimal digits (written
+// by HresultText), or a number, as torvex-machine/1 and hand-made test
+// machines hold Win32, configuration-manager and NTSTATUS codes.
+unsigned long ErrorCode(const Json& value);
 std::string GuidText(const GUID& guid);  // "{4D36E96C-E325-11CE-BFC1-08002BE10318}"
 bool ParseGuid(const std::string& text, GUID& guid);
 std::string Lower(std::string text);
+
+// A torvex-machine/1 document brought to the current form before it is checked.
+void UpgradeFromVersion1(Json& doc);
 
 // Installs hooks for the Machine.
 class Installer {

@@ -65,8 +65,9 @@ void* Block(size_t size) {
 void Validate(const Json& wlan, const At& at) {
     ExpectObject(wlan, at);
     ExpectOnly(wlan, at, {"open_error", "version", "enum_error", "interfaces"});
-    for (const char* field : {"open_error", "version", "enum_error"})
-        if (wlan.contains(field)) ExpectUnsigned(wlan[field], at / field, 0xFFFFFFFFu);
+    if (wlan.contains("version")) ExpectUnsigned(wlan["version"], at / "version", 0xFFFFFFFFu);
+    for (const char* field : {"open_error", "enum_error"})
+        if (wlan.contains(field)) ExpectError(wlan[field], at / field);
     if (!wlan.contains("interfaces")) return;
     ExpectArray(wlan["interfaces"], at / "interfaces");
     for (size_t i = 0; i < wlan["interfaces"].size(); ++i) {
@@ -79,7 +80,7 @@ void Validate(const Json& wlan, const At& at) {
         if (item.contains("description")) ExpectString(item["description"], a / "description");
         if (item.contains("state")) ExpectNamed(kStates, item["state"], a / "state");
         for (const char* field : {"radio_error", "set_error"})
-            if (item.contains(field)) ExpectUnsigned(item[field], a / field, 0xFFFFFFFFu);
+            if (item.contains(field)) ExpectError(item[field], a / field);
         if (!item.contains("radio")) continue;
         ExpectArray(item["radio"], a / "radio");
         if (item["radio"].size() > WLAN_MAX_PHY_INDEX) Expected(a / "radio", "at most 64 radios");
@@ -113,14 +114,15 @@ DWORD WINAPI HookOpen(DWORD version, PVOID reserved, PDWORD negotiated, PHANDLE 
                 (*wlan)["version"] = negotiated != nullptr ? *negotiated : version;
             }
         } else {
-            Keep({"wlan"}, Json{{"open_error", result}});
+            Keep({"wlan"}, Json{{"open_error", HresultText(static_cast<long>(result))}});
         }
         Note("wlan", "open", result == 0 ? "opened" : "error " + std::to_string(result), result != 0, asked);
         return result;
     }
     const Json* wlan = Replayed({"wlan"});
-    const DWORD result = wlan == nullptr ? kNoService : wlan->value("open_error", 0u);
-    if (wlan != nullptr && result != 0) Keep({"wlan", "open_error"}, result);
+    const Json* openError = Child(wlan, "open_error");
+    const DWORD result = wlan == nullptr ? kNoService : openError != nullptr ? static_cast<DWORD>(ErrorCode(*openError)) : 0;
+    if (wlan != nullptr && result != 0) Keep({"wlan", "open_error"}, HresultText(static_cast<long>(result)));
     if (result != ERROR_SUCCESS) {
         Note("wlan", "open", wlan == nullptr ? "not in the profile" : "error " + std::to_string(result), true, asked);
         return result;
@@ -141,7 +143,7 @@ DWORD WINAPI HookEnum(HANDLE client, PVOID reserved, PWLAN_INTERFACE_INFO_LIST* 
         PWLAN_INTERFACE_INFO_LIST live = nullptr;
         const DWORD result = g_WlanEnumInterfaces(client, reserved, &live);
         if (result != ERROR_SUCCESS) {
-            Keep({"wlan", "enum_error"}, result);
+            Keep({"wlan", "enum_error"}, HresultText(static_cast<long>(result)));
             Note("wlan", "interfaces", "error " + std::to_string(result), true);
             return result;
         }
@@ -163,8 +165,9 @@ DWORD WINAPI HookEnum(HANDLE client, PVOID reserved, PWLAN_INTERFACE_INFO_LIST* 
         if (wlan == nullptr || !g_clients.count(client)) return ERROR_INVALID_HANDLE;
         if (wlan->contains("enum_error")) {
             Keep({"wlan", "enum_error"}, (*wlan)["enum_error"]);
-            Note("wlan", "interfaces", "error " + (*wlan)["enum_error"].dump(), true);
-            return (*wlan)["enum_error"].get<DWORD>();
+            const auto result = static_cast<DWORD>(ErrorCode((*wlan)["enum_error"]));
+            Note("wlan", "interfaces", "error " + std::to_string(result), true);
+            return result;
         }
         if (wlan->contains("interfaces")) interfaces = (*wlan)["interfaces"];
         Keep({"wlan", "interfaces"}, interfaces);
@@ -201,7 +204,7 @@ DWORD WINAPI HookQuery(HANDLE client, const GUID* guid, WLAN_INTF_OPCODE opcode,
         const DWORD result = g_WlanQueryInterface(client, guid, opcode, reserved, &liveSize, &live, type);
         Json* item = InterfaceEntry(KeepNode({"wlan"}), guid);
         if (result != ERROR_SUCCESS) {
-            if (item != nullptr) (*item)["radio_error"] = result;
+            if (item != nullptr) (*item)["radio_error"] = HresultText(static_cast<long>(result));
             Note("wlan", call, "error " + std::to_string(result), true);
             return result;
         }
@@ -222,8 +225,9 @@ DWORD WINAPI HookQuery(HANDLE client, const GUID* guid, WLAN_INTF_OPCODE opcode,
         Json* kept = InterfaceEntry(KeepNode({"wlan"}), guid);
         if (item->contains("radio_error")) {
             if (kept != nullptr) (*kept)["radio_error"] = (*item)["radio_error"];
-            Note("wlan", call, "error " + (*item)["radio_error"].dump(), true);
-            return (*item)["radio_error"].get<DWORD>();
+            const auto result = static_cast<DWORD>(ErrorCode((*item)["radio_error"]));
+            Note("wlan", call, "error " + std::to_string(result), true);
+            return result;
         }
         radio = item->value("radio", Json::array());
         if (kept != nullptr) (*kept)["radio"] = radio;
@@ -268,8 +272,9 @@ DWORD WINAPI HookSet(HANDLE client, const GUID* guid, WLAN_INTF_OPCODE opcode, D
         return ERROR_INVALID_PARAMETER;
     }
     if (item->contains("set_error")) {
-        Note("wlan", call, "error " + (*item)["set_error"].dump(), true, detail);
-        return (*item)["set_error"].get<DWORD>();
+        const auto result = static_cast<DWORD>(ErrorCode((*item)["set_error"]));
+        Note("wlan", call, "error " + std::to_string(result), true, detail);
+        return result;
     }
     const auto* wanted = static_cast<const WLAN_PHY_RADIO_STATE*>(data);
     for (Json& phy : (*item)["radio"])

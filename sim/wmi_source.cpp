@@ -247,16 +247,20 @@ struct QueryRun {
     std::wstring query;
     std::string detail;  // language and flags
     size_t rows = 0;
+    HRESULT fetchError = S_OK;      // fetching the next row failed with this
     std::vector<std::string> gaps;  // "Caption missing", "ExtClock null", once per row
 
     ~QueryRun() {
         if (rows == SIZE_MAX) return;  // a failed query, noted when it failed
         std::string outcome = rows == 0 ? "no rows" : std::to_string(rows) + (rows == 1 ? " row" : " rows");
+        if (FAILED(fetchError))
+            outcome = (rows == 0 ? "" : outcome + ", then ") + "fetching failed with " + HresultText(fetchError);
         std::map<std::string, size_t> counted;
         for (const std::string& gap : gaps) ++counted[gap];
         for (const auto& [gap, times] : counted)
             outcome += "; " + gap + (times > 1 ? " in " + std::to_string(times) + " rows" : std::string());
-        Note("wmi", Utf8(nameSpace) + " \"" + Utf8(query) + "\"", outcome, rows == 0 || !gaps.empty(), detail);
+        Note("wmi", Utf8(nameSpace) + " \"" + Utf8(query) + "\"", outcome, rows == 0 || !gaps.empty() || FAILED(fetchError),
+             detail);
     }
 
     Json* RecordedRows() {
@@ -333,6 +337,7 @@ public:
             Json* rows = run_->RecordedRows();
             if (fetched == 0 || row == nullptr) {
                 if (row != nullptr) row->Release();
+                if (FAILED(hr)) run_->fetchError = hr;
                 if (rows != nullptr) {
                     rows->erase(rows->begin() + static_cast<std::ptrdiff_t>(std::min(index, rows->size())), rows->end());
                     if (FAILED(hr)) (*KeepNode({"wmi", Utf8(run_->nameSpace), "queries", Utf8(run_->query)}))["then"] =
@@ -348,6 +353,7 @@ public:
             if (rows == nullptr || index >= rows->size()) {
                 const Json* then = Child(&replayed_, "then");
                 if (then != nullptr) {
+                    run_->fetchError = ParseHresult(then->get<std::string>());
                     if (Json* answer = KeepNode({"wmi", Utf8(run_->nameSpace), "queries", Utf8(run_->query)})) {
                         run_->RecordedRows();
                         (*answer)["then"] = *then;

@@ -39,17 +39,26 @@ public:
     static bool Installed();
 
     // What the library holds of the simulated machine right now: handles,
-    // keys, device sets, Wlan memory and COM objects it has not released.
+    // keys, device sets, Wlan memory, COM objects, and what vendor libraries
+    // handed it (contexts, handles, loaded libraries, memory), that it has
+    // not given back. The graphics driver's server objects are counted apart:
+    // the library keeps one for the process on purpose.
     struct Held {
         long comObjects = 0;
         size_t registryKeys = 0, deviceSets = 0, files = 0, wlanMemory = 0;
-        bool Any() const { return comObjects != 0 || registryKeys != 0 || deviceSets != 0 || files != 0 || wlanMemory != 0; }
+        size_t vendorContexts = 0, vendorHandles = 0, vendorLibraries = 0, vendorMemory = 0;
+        long graphicsServers = 0;
+        bool Any() const {
+            return comObjects != 0 || registryKeys != 0 || deviceSets != 0 || files != 0 || wlanMemory != 0 ||
+                   vendorContexts != 0 || vendorHandles != 0 || vendorLibraries != 0 || vendorMemory != 0;
+        }
         std::string Describe() const;
     };
     static Held Holding();
 
     // Notes in the recording which vendor libraries and servers exist: probed
-    // on the live machine, copied from the profile under replay.
+    // on the live machine (and the Intel library read as a set would read
+    // it, when the library loaded it), copied from the profile under replay.
     void RecordVendorPresence();
 
     struct State;

@@ -1,4 +1,4 @@
-// A machine profile ("torvex-machine/1"): every answer the operating system
+// A machine profile ("torvex-machine/2"): every answer the operating system
 // gave Torvex.dll on one machine, keyed by the call as the library makes it.
 // The document is plain JSON; docs/machine-profile.md describes it.
 #pragma once
@@ -7,13 +7,16 @@
 
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace torvex::sim {
 
 // Sorted keys: a profile written twice from the same answers is the same file.
 using Json = nlohmann::json;
 
-constexpr char kProfileSchema[] = "torvex-machine/1";
+constexpr char kProfileSchema[] = "torvex-machine/2";
+// Still read: brought to the current form as it loads.
+constexpr char kProfileSchemaVersion1[] = "torvex-machine/1";
 
 // A profile that cannot be used. The message is one line naming the file,
 // the place (line and column, or the JSON pointer) and what was expected.
@@ -41,10 +44,25 @@ private:
     Json doc_;
 };
 
-// Replaces serial numbers, unique identifiers and the unique parts of device
-// instance IDs with stable placeholders (the same input gives the same
-// placeholder), keeping the profile consistent and replayable.
-void Redact(Profile& profile);
+// One row of the redaction policy: a kind of identifying value and a place
+// where a machine hands it to the library.
+struct RedactionPlace {
+    const char* kind;    // "serial number", "device instance ID", ...
+    const char* place;   // JSON pointer pattern: "*" any member or index, "*serial*" any name holding "serial"
+    const char* target;  // "value", "member names" or "every text"
+    const char* how;     // "whole value", "unique part", "keyed GUID", ...
+    const char* note;
+};
+std::vector<RedactionPlace> RedactionPolicy();
+
+// Replaces every identifying value the policy names with a placeholder keyed
+// by a secret drawn for this call and never kept: "REDACTED-" and 16
+// uppercase hex digits for texts and tokens in them, a keyed value of the
+// same shape for hex bytes, GUIDs and numbers. The same value gives the same
+// placeholder throughout the profile, so it stays consistent and replays.
+// Returns how many values each row of RedactionPolicy() replaced; throws
+// ProfileError when the system gives no random key.
+std::vector<size_t> Redact(Profile& profile);
 
 // A place in a profile, as a JSON pointer, for messages.
 class At {
@@ -74,6 +92,9 @@ void ExpectHex(const Json& value, const At& at, size_t maxBytes = SIZE_MAX);
 void ExpectGuid(const Json& value, const At& at);
 // "0x" and eight hexadecimal digits (an HRESULT).
 void ExpectHresult(const Json& value, const At& at);
+// An error code in the same form, whatever its kind: a Win32 error, a
+// configuration-manager result, an NTSTATUS ("0x00000002").
+void ExpectError(const Json& value, const At& at);
 // Every member of an object is one of `allowed`.
 void ExpectOnly(const Json& object, const At& at, std::initializer_list<const char*> allowed);
 

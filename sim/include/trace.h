@@ -13,7 +13,8 @@ namespace torvex::sim {
 struct Event {
     std::string scope;    // the part of the work it belongs to, e.g. "disks (class 7)"
     std::string source;   // "wmi", "registry", "setupapi", "cfgmgr", "power", "file", "ioctl", "volume",
-                          // "wlan", "audio", "display", "dxgi", "library", "com", "debug"
+                          // "wlan", "audio", "display", "dxgi", "library", "com", "vendor" (the
+                          // vendor libraries' entry points), "debug"
     std::string call;     // the call's identity, e.g. ROOT\CIMV2 "SELECT Name FROM Win32_DiskDrive"
     std::string outcome;  // e.g. "1 row", "missing", "error 2"
     bool failed = false;  // the call failed or found nothing

@@ -1,5 +1,5 @@
-// Display colour (class 19) on the graphics driver's COM server back end, a
-// stand-in handed out on top of a simulated laptop (screen, power scheme).
+// Display colour (class 19) on the graphics driver's COM server back end, replayed from a laptop's profile
+// (tests/machines/hybrid-graphics-laptop.json): the server's answers, the screen and the power scheme.
 #include <windows.h>
 
 #include <gtest/gtest.h>
@@ -8,7 +8,6 @@
 #include <cstring>
 #include <optional>
 
-#include "support/fake_graphics.h"
 #include "support/simulated_machine.h"
 #include "support/torvex_test.h"
 
@@ -19,24 +18,15 @@ namespace {
 using Strings = std::vector<std::string>;
 constexpr char kBrightness[] = "{7516B95F-F776-4464-8C53-06167F40CC99}/{ADED5E82-B909-4619-9949-F5D71DAC0BCB}";
 
-ImportPatch* g_create = nullptr;
-std::vector<std::pair<DWORD, IID>> g_created;  // context and interface of each server asked for
-
-HRESULT WINAPI CreateServer(REFCLSID clsid, LPUNKNOWN outer, DWORD context, REFIID iid, LPVOID* out) {
-    if (!IsEqualCLSID(clsid, torvex::kGfxServerClass))
-        return g_create->Original<decltype(&CoCreateInstance)>()(clsid, outer, context, iid, out);
-    g_created.emplace_back(context, iid);
-    return SharedGfxServer().QueryInterface(iid, out);
-}
-
 // The back end is chosen once for the process; each test brings it up on a laptop whose first
-// adapter is Intel's. Its screen is \\.\DISPLAY1; brightness is 70 on mains and 30 on battery.
+// adapter is Intel's. Its screen is \\.\DISPLAY1, identifier 42 to the server; brightness is 70 on
+// mains and 30 on battery.
 class ServerTest : public ::testing::Test {
 protected:
-    ServerTest() { g_create = &create; }
     void SetUp() override { ASSERT_EQ(Init(), 1u); }
     void TearDown() override { ExpectNothingHeld(); }
     Json& Profile() { return machine.profile.doc(); }
+    Json& Server() { return Profile()["vendor"]["graphics_server"]; }
     uint32_t Init() {
         void* out = reinterpret_cast<void*>(0x1234);
         const uint32_t result = HalInit(HAL_CLASS_DISPLAY, &out);
@@ -49,13 +39,23 @@ protected:
     uint32_t Query(uint32_t code, void* buffer, uint32_t size, uint32_t* returned) {
         return HalQueryInformation(HAL_CLASS_DISPLAY, nullptr, code, buffer, size, returned);
     }
+    // The last ramp the server was given for the screen, 3 x 256 entries; empty when none was.
+    std::vector<uint16_t> Ramp() {
+        if (!Server().contains("ramps") || !Server()["ramps"].contains("42")) return {};
+        const std::string hex = Server()["ramps"]["42"];
+        std::vector<uint16_t> ramp(hex.size() / 4);
+        for (size_t i = 0; i < ramp.size(); ++i)
+            ramp[i] = uint16_t(std::stoul(hex.substr(4 * i, 2), nullptr, 16) | std::stoul(hex.substr(4 * i + 2, 2), nullptr, 16) << 8);
+        return ramp;
+    }
 
     SimulatedMachine machine{MachineFile{"hybrid-graphics-laptop"}};
-    ImportPatch create = Redirect("CoCreateInstance", &CreateServer);
 };
 
-// The laptop's two PCI adapters renamed: the first name with AMD or Intel in it decides.
+// The laptop's two PCI adapters renamed: the first name with AMD or Intel in it decides. The server is created once,
+// by the first test, as an in-process, handler, local or remote server asked for IUnknown.
 TEST_F(ServerTest, TheFirstAdapterNamingAmdOrIntelChoosesTheBackEnd) {
+    EXPECT_EQ(machine.Calls("com"), Strings{"graphics driver server [context 23, interface IUnknown] -> created"});
     const struct {
         const char* names[2];
         uint32_t result;
@@ -72,14 +72,14 @@ TEST_F(ServerTest, TheFirstAdapterNamingAmdOrIntelChoosesTheBackEnd) {
         EXPECT_EQ(Init(), c.result);
         EXPECT_EQ(machine.Asked("library"), (c.amd ? Strings{"dxgi.dll", "dxgi.dll", "atiadlxx.dll"}
                                                     : Strings{"dxgi.dll", "dxgi.dll"}));
+        EXPECT_TRUE(machine.Asked("com").empty()) << "not created again";
     }
-    ASSERT_EQ(g_created.size(), 1u) << "created once, by the first test";
-    EXPECT_EQ(g_created[0], std::make_pair(DWORD{23}, IID_IUnknown)) << "in-process, handler, local or remote server";
+    EXPECT_EQ(torvex::sim::Machine::Holding().graphicsServers, 1) << "the one server the library keeps";
 }
 
-// Warmth (2, 5) and channel gains (6) become ramps; the channel settings come from the generic get.
+// Warmth (2, 5) and channel gains (6) become ramps for the screen's identifier; the channel settings come from the
+// generic get, whose request the profile names exactly (1, the identifier, zeros, 2 at offset 88).
 TEST_F(ServerTest, RampsAndChannelSettingsGoThroughTheServer) {
-    FakeGfxServer& server = SharedGfxServer();
     const struct {
         uint32_t code, size;
         std::array<float, 5> in;      // a WarmthRequest (warmth, blue cut) unless the code is 6
@@ -95,28 +95,29 @@ TEST_F(ServerTest, RampsAndChannelSettingsGoThroughTheServer) {
         uint32_t in[5];
         std::memcpy(in, c.in.data(), sizeof(in));
         if (c.code != HAL_DISPLAY_CHANNEL_GAINS) in[0] = uint32_t(c.in[0]), in[1] = uint32_t(c.in[1]);
-        server.lastRamp.fill(0);
+        Server().erase("ramps");
         ASSERT_EQ(Set(c.code, in, c.size), c.top[0] != 0 ? 1u : 0u);
-        EXPECT_EQ((std::array{server.lastRamp[255], server.lastRamp[511], server.lastRamp[767]}), c.top);
+        const std::vector<uint16_t> ramp = Ramp();
+        const std::array<uint16_t, 3> top = ramp.empty() ? std::array<uint16_t, 3>{} : std::array{ramp[255], ramp[511], ramp[767]};
+        EXPECT_EQ(top, c.top);
     }
-    EXPECT_EQ(server.rampId, 42u) << "the server's identifier of the screen";
-    EXPECT_EQ(server.lastName, L"\\\\.\\DISPLAY1");
-    EXPECT_EQ(server.rampSize, 1536u);
+    EXPECT_EQ(torvex::sim::Machine::Holding().graphicsServers, 2) << "the per-channel server is replaced, not piled up";
     const WarmthRequest neutral{128, 0};
+    machine.trace.Clear();
     ASSERT_EQ(Set(HAL_DISPLAY_WARMTH, &neutral, 8), 1u);
-    for (int i = 0; i < 768; ++i) ASSERT_EQ(server.lastRamp[i], (i % 256) * 257) << "a linear ramp, entry " << i;
+    EXPECT_EQ(machine.Calls("vendor"), (Strings{"graphics server display \\\\.\\DISPLAY1 -> identifier 42",
+                                                "graphics server ramp of display 42 [1536 bytes] -> set"}));
+    const std::vector<uint16_t> ramp = Ramp();
+    ASSERT_EQ(ramp.size(), 768u);
+    for (int i = 0; i < 768; ++i) ASSERT_EQ(ramp[i], (i % 256) * 257) << "a linear ramp, entry " << i;
 
     uint32_t settings[10], returned = 0xBAD;
     std::memset(settings, 0xEE, sizeof(settings));
     ASSERT_EQ(Query(HAL_DISPLAY_TEMPERATURE, settings, 36, &returned), 1u);
     EXPECT_EQ(returned, 36u);
     for (uint32_t i = 0; i < 10; ++i) EXPECT_EQ(settings[i], i < 9 ? i : 0xEEEEEEEE) << "request offset " << 44 + 4 * i;
-    EXPECT_EQ(server.requestId, (GUID{0xF64A0177, 0x1CBC, 0x46D8, {0x99, 0x82, 0x85, 0xFD, 0x1D, 0x59, 0xB9, 0xB1}}));
-    uint8_t request[92] = {1, 0, 0, 0, 42};
-    request[88] = 2;
-    EXPECT_EQ(server.requestSize, 92u);
-    EXPECT_EQ(std::memcmp(server.request, request, 92), 0) << "1, the display, zeros, 2 at 88";
     // Refusals: no room, no buffer, no count, the AMD library's codes, a failed get, no display device.
+    Json& request = Server()["requests"].begin().value();
     const struct {
         uint32_t code, size;
         bool buffer, count, screen;
@@ -125,7 +126,7 @@ TEST_F(ServerTest, RampsAndChannelSettingsGoThroughTheServer) {
                     {0, 40, true, true, true, 0}, {1, 40, true, true, true, 0}, {4, 40, true, true, true, 0},
                     {2, 36, true, true, true, 3}, {2, 36, true, true, false, 0}};
     for (const auto& r : refusals) {
-        server.requestStatus = r.status;
+        request["status"] = r.status;
         if (!r.screen) Profile()["display"]["devices"] = Json::array();
         std::memset(settings, 0xEE, sizeof(settings));
         returned = 0xBAD;
@@ -155,11 +156,11 @@ TEST_F(ServerTest, BrightnessReadsAndWritesThePowerScheme) {
         {false, 0, 19, 1, {}, nullptr, 0, 0, nullptr},   {true, 150, 4, 1, {}, nullptr, 150, 4, nullptr},
         {true, 150, 2, 1, {}, nullptr, 0, 0, nullptr},   {true, 80, 0, 0, {}, nullptr, 80, 4, nullptr},
         {true, 100, 3, 255, {}, nullptr, 100, 4, nullptr},
-        {false, 0, 20, 1, {{"status", {{"error", 31}}}}, nullptr, 0, 2, L"GetSystemPowerStatus Result:31"},
-        {true, 50, 4, 1, {{"status", {{"error", 31}}}}, nullptr, 0, 2, L"GetSystemPowerStatus Result:31"},
+        {false, 0, 20, 1, {{"status", {{"error", "0x0000001F"}}}}, nullptr, 0, 2, L"GetSystemPowerStatus Result:31"},
+        {true, 50, 4, 1, {{"status", {{"error", "0x0000001F"}}}}, nullptr, 0, 2, L"GetSystemPowerStatus Result:31"},
         {false, 0, 20, 1, {{"scheme", {{"values", nullptr}}}}, nullptr, 0, 3, L"PowerReadACValueIndex Result:2"},
         {false, 0, 20, 0, {{"scheme", {{"values", nullptr}}}}, nullptr, 0, 3, L"PowerReadDCValueIndex Result:2"},
-        {true, 50, 4, 1, {{"scheme", {{"error", 5}, {"active", nullptr}}}}, nullptr, 0, 1,
+        {true, 50, 4, 1, {{"scheme", {{"error", "0x00000005"}, {"active", nullptr}}}}, nullptr, 0, 1,
          L"PowerGetActiveScheme Result:5"},
         {true, 50, 4, 1, {}, "PowerSetActiveScheme", 0, 3, L"PowerSetActiveScheme Result:5"},
         {true, 50, 4, 1, {}, "PowerWriteACValueIndex", 0, 2, L"PowerWriteACValueIndex Result:5"},

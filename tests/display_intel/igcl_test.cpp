@@ -1,5 +1,6 @@
-// Display colour on the Intel Graphics Control Library back end: an Intel laptop without the driver's server, and a
-// stand-in handed out for "ControlLib.dll". A program of its own: the back end, once chosen, stays; tests run in order.
+// Display colour on the Intel Graphics Control Library back end: an Intel laptop without the driver's server, its
+// library replayed from the profile (tests/machines/intel-igcl-laptop.json). A program of its own: the back end,
+// once chosen, stays; tests run in order.
 #include <windows.h>
 
 #include <gtest/gtest.h>
@@ -7,7 +8,6 @@
 #include <array>
 #include <string>
 
-#include "display_intel/igcl_stand_in.h"
 #include "support/simulated_machine.h"
 #include "support/torvex_test.h"
 
@@ -15,67 +15,63 @@ using namespace torvex::test;
 
 namespace {
 
-ImportPatch* g_loadEx = nullptr;
-bool g_present = true;
-std::pair<std::wstring, DWORD> g_asked;  // name and flags the library was loaded with
-
-HMODULE WINAPI LoadControlLib(LPCWSTR name, HANDLE file, DWORD flags) {
-    if (std::wstring(name) != L"ControlLib.dll")
-        return g_loadEx->Original<decltype(&LoadLibraryExW)>()(name, file, flags);
-    g_asked = {name, flags};
-    if (!g_present) SetLastError(ERROR_MOD_NOT_FOUND);
-    return g_present ? LoadLibraryW((ProgramDirectory() + L"\\igcl_stand_in.dll").c_str()) : nullptr;
-}
+using Strings = std::vector<std::string>;
 
 class IgclTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        g_loadEx = &loadEx;
-        g_present = true;
-        ASSERT_NE(state, nullptr);
-        *state = IgclStandInState{};
-        state->deviceCount = state->outputCount = 1;
-        state->outputFlags[0] = 3;  // active and attached
-        state->blockCount = state->blockTypes[0] = 1;
-        state->blockSamples[0] = 5;
+        // One device with one active, attached output whose one block is a 5-sample one-dimensional table.
+        Igcl()["devices"] = {{{"outputs", {{{"flags", 3}, {"blocks", {Block(0, 1, 5)}}}}}}};
     }
-    void TearDown() override {
-        EXPECT_EQ(state->attaches, state->detaches) << "every operation frees the library";
-        ExpectNothingHeld();
-        UnmapViewOfFile(state);
-        CloseHandle(mapping);
+    void TearDown() override { ExpectNothingHeld(); }  // every API handle closed, every library freed
+    Json& Igcl() { return machine.profile.doc()["vendor"]["ControlLib.dll"]; }
+    Json& Output(size_t o) { return Igcl()["devices"][0]["outputs"][o]; }
+    static Json Block(uint32_t id, uint32_t type, uint32_t samples) {
+        return {{"id", id}, {"type", type}, {"samples", samples}, {"channels", 1}};
     }
     uint32_t SetGains(uint32_t code, ChannelGainRequest request, uint32_t size, uint32_t mode) {
+        machine.trace.Clear();
         return HalSetInformation(HAL_CLASS_DISPLAY, nullptr, code, &request, size, nullptr, mode);
     }
-    std::array<double, 3> Gains() const {  // the last sample of each channel: the gain applied to it
-        const uint32_t n = state->lutSamples;
-        return {state->lutValues[n - 1], state->lutValues[2 * n - 1], state->lutValues[3 * n - 1]};
+    // The last sample of each channel of an output's table: the gain applied to it.
+    std::array<double, 3> Gains(size_t o = 0) {
+        const Json& lut = Output(o)["lut"];
+        const size_t n = lut["samples"];
+        return {lut["values"][n - 1], lut["values"][2 * n - 1], lut["values"][3 * n - 1]};
+    }
+    Strings Calls(const char* start) {
+        Strings calls;
+        for (const std::string& call : machine.Calls("vendor"))
+            if (call.rfind(start, 0) == 0) calls.push_back(call);
+        return calls;
     }
 
-    HANDLE mapping = CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, sizeof(IgclStandInState),
-                                        IGCL_STAND_IN_MAPPING);
-    IgclStandInState* state = static_cast<IgclStandInState*>(MapViewOfFile(mapping, FILE_MAP_ALL_ACCESS, 0, 0, 0));
-    SimulatedMachine machine{MachineFile{"hybrid-graphics-laptop"}};
-    ImportPatch loadEx = Redirect("LoadLibraryExW", &LoadControlLib);
+    SimulatedMachine machine{MachineFile{"intel-igcl-laptop"}};
 };
 
 TEST_F(IgclTest, InitialisationNeedsTheLibraryToAcceptInit) {
     void* out = reinterpret_cast<void*>(0x1234);
-    g_present = false;
+    const Json library = Igcl();
+    Igcl() = false;
     EXPECT_EQ(HalInit(HAL_CLASS_DISPLAY, &out), 0u);
-    EXPECT_EQ(g_asked, std::make_pair(std::wstring(L"ControlLib.dll"), DWORD{0xA00})) << "application dir, System32";
-    EXPECT_EQ(machine.Asked("com").front(), "graphics driver server") << "tried first, absent under replay";
-    g_present = true;
-    state->initResult = 0x40000001;
+    EXPECT_EQ(machine.Calls("com"), Strings{"graphics driver server [context 23, interface IUnknown] -> absent"})
+        << "tried first";
+    EXPECT_EQ(machine.Calls("library").back(), "ControlLib.dll [ControlLib.dll, flags 0xA00] -> absent")
+        << "the application directory and System32";
+    Igcl() = library;
+    Igcl()["init"]["result"] = 0x40000001;
+    machine.trace.Clear();
     EXPECT_EQ(HalInit(HAL_CLASS_DISPLAY, &out), 0u);
-    EXPECT_EQ(state->closeCalls, 1) << "closed even when init failed";
-    state->initResult = 0;
+    EXPECT_EQ(machine.Calls("vendor"), (Strings{"ctlInit [size 36, application version 0x10000] -> error 0x40000001",
+                                                "ctlClose -> a handle that is not open"}))
+        << "closed even when init failed";
+    Igcl()["init"] = Json::object();
+    machine.trace.Clear();
     EXPECT_EQ(HalInit(HAL_CLASS_DISPLAY, &out), 1u);
     EXPECT_EQ(out, reinterpret_cast<void*>(0x1234));
-    EXPECT_EQ((std::vector<uint64_t>{uint64_t(state->initCalls), state->initSize, state->initAppVersion,
-                                     uint64_t(state->closeCalls), state->closedHandle}),
-              (std::vector<uint64_t>{2, 36, 0x10000, 2, 0xA110})) << "init record and the handle closed";
+    EXPECT_EQ(machine.Calls("vendor"),
+              (Strings{"ctlInit [size 36, application version 0x10000] -> initialised", "ctlClose -> closed"}));
+    EXPECT_EQ(machine.Calls("library").back(), "ControlLib.dll -> freed");
     uint32_t buffer[9] = {}, returned = 0xBAD;
     for (uint32_t code : {0u, 2u, 3u})
         EXPECT_EQ(HalQueryInformation(HAL_CLASS_DISPLAY, nullptr, code, buffer, 36, &returned), 0u) << code;
@@ -83,43 +79,54 @@ TEST_F(IgclTest, InitialisationNeedsTheLibraryToAcceptInit) {
 }
 
 TEST_F(IgclTest, ChannelGainsWriteTheLastLutBlockOfEveryActiveAttachedDisplay) {
-    state->outputCount = state->blockCount = 3;
-    state->outputFlags[1] = 1, state->outputFlags[2] = 7;  // the second only active, not attached: skipped
-    const uint32_t types[] = {1, 2, 1}, samples[] = {4, 9, 5};
-    for (int b = 0; b < 3; ++b) state->blockTypes[b] = types[b], state->blockSamples[b] = samples[b];
+    // The second output only active, not attached: skipped. Of the blocks, the last one-dimensional table.
+    const Json blocks = {Block(40, 1, 4), Block(41, 2, 9), Block(42, 1, 5)};
+    Igcl()["devices"][0]["outputs"] = {{{"flags", 3}, {"blocks", blocks}}, {{"flags", 1}, {"blocks", blocks}},
+                                       {{"flags", 7}, {"blocks", blocks}}};
     DebugCapture debug;
     ASSERT_EQ(SetGains(HAL_DISPLAY_CHANNEL_GAINS, {0.5f, 0.8f, 1.0f, 255.0f, 0.5f}, 20, 0), 1u);
     const std::wstring set = L"Set ctlPixelTransformationSetConfig(SetGammaForAdl)\n";
     EXPECT_EQ(debug.Messages(),
               (std::vector<std::wstring>{L"Enter ctl_result_t SetGammaForAdl1(SetGammaForAdl)\n",
                                          L"Enter pfnEnumerateDevices 0(SetGammaForAdl)\n", set, set}));
-    EXPECT_EQ((std::vector<uint32_t>{state->propertySize, state->getSize, state->lutChannels, state->lutSamples,
-                                     uint32_t(state->propertyCalls)}),
-              (std::vector<uint32_t>{200, 272, 3, 5, 3})) << "record sizes, the LUT of the last 1D block, displays";
-    ASSERT_EQ(state->setCalls, 2) << "no restore on code 6";
-    for (int call = 0; call < 2; ++call)
-        EXPECT_EQ((std::vector<uint64_t>{state->setDisplays[call], state->setSizes[call], state->setOperations[call],
-                                         state->setBlockCounts[call], state->setBlockIds[call]}),
-                  (std::vector<uint64_t>{0x1000u + 2 * call, 32, 2, 1, 42})) << call;
-    // v = (1 - 0.5) x 255 / 255: blue is halved; channels are stored one after another.
+    EXPECT_EQ(Calls("ctlGetDisplayProperties"),
+              (Strings{"ctlGetDisplayProperties output 0/0 [size 200] -> flags 3",
+                       "ctlGetDisplayProperties output 0/1 [size 200] -> flags 1",
+                       "ctlGetDisplayProperties output 0/2 [size 200] -> flags 7"}));
+    EXPECT_EQ(Calls("ctlPixelTransformationGetConfig output 0/0"),
+              (Strings{"ctlPixelTransformationGetConfig output 0/0 [size 272] -> 3 blocks",
+                       "ctlPixelTransformationGetConfig output 0/0 [size 272] -> 3 blocks"}))
+        << "the count, then the blocks";
+    EXPECT_EQ(Calls("ctlPixelTransformationSetConfig"),
+              (Strings{"ctlPixelTransformationSetConfig output 0/0 custom [size 32, blocks 1, first 42] -> set",
+                       "ctlPixelTransformationSetConfig output 0/2 custom [size 32, blocks 1, first 42] -> set"}))
+        << "no restore on code 6";
+    EXPECT_FALSE(Output(1).contains("lut"));
+    // v = (1 - 0.5) x 255 / 255: blue is halved; three channels of 5 samples, one after another.
     const double gains[3] = {0.5, static_cast<double>(0.8f), 0.5};
-    for (int c = 0; c < 3; ++c)
-        for (int k = 0; k < 5; ++k) EXPECT_DOUBLE_EQ(state->lutValues[c * 5 + k], k / 4.0 * gains[c]) << c << k;
+    for (size_t o : {0u, 2u}) {
+        const Json& lut = Output(o)["lut"];
+        ASSERT_EQ((std::vector<uint32_t>{lut["block"], lut["channels"], lut["samples"], uint32_t(lut["values"].size())}),
+                  (std::vector<uint32_t>{42, 3, 5, 15}));
+        for (int c = 0; c < 3; ++c)
+            for (int k = 0; k < 5; ++k) EXPECT_DOUBLE_EQ(lut["values"][c * 5 + k].get<double>(), k / 4.0 * gains[c]) << c << k;
+    }
 }
 
 // Code 5 (8 bytes suffice) restores the blocks as read afterwards; the mode adjusts the gains first.
 TEST_F(IgclTest, ModesAdjustTheGainsAndWarmthRestoresTheBlocks) {
-    state->blockCount = 2;
-    state->blockTypes[1] = 3;
+    Output(0)["blocks"] = {Block(40, 1, 5), Block(41, 3, 5)};
     ASSERT_EQ(SetGains(HAL_DISPLAY_WARMTH, {1.0f, 1.0f, 1.0f, 0.0f, 0.0f}, 8, 1), 1u);
-    EXPECT_EQ((std::vector<uint32_t>{uint32_t(state->setCalls), state->setOperations[0], state->setOperations[1],
-                                     state->setBlockCounts[1], state->setBlockIds[1]}),
-              (std::vector<uint32_t>{2, 2, 1, 2, 40})) << "custom, then a restore of the blocks as read";
-    EXPECT_EQ(Gains(), (std::array<double, 3>{1.0, 0.94f, 0.96f})) << "mode 1 on neutral gains";
+    EXPECT_EQ(Calls("ctlPixelTransformationSetConfig"),
+              (Strings{"ctlPixelTransformationSetConfig output 0/0 custom [size 32, blocks 1, first 40] -> set",
+                       "ctlPixelTransformationSetConfig output 0/0 restore [size 32, blocks 2, first 40] -> set"}))
+        << "custom, then a restore of the blocks as read";
+    EXPECT_FALSE(Output(0).contains("lut")) << "restored";
     const struct {
         uint32_t mode;
         std::array<float, 3> in, out;
-    } modes[] = {{1, {0.98f, 0.5f, 0.5f}, {0.98f, 0.5f * 1.001f, 0.5f * 0.968f}},
+    } modes[] = {{1, {1.0f, 1.0f, 1.0f}, {1.0f, 0.94f, 0.96f}},
+                 {1, {0.98f, 0.5f, 0.5f}, {0.98f, 0.5f * 1.001f, 0.5f * 0.968f}},
                  {1, {0.98f, 1.0f, 0.5f}, {0.98f, 1.0f, 0.5f * 0.968f}},
                  {1, {0.95f, 0.5f, 0.5f}, {1.0f, 0.5f * 0.978f, 0.5f}},
                  {1, {0.5f, 0.5f, 0.5f}, {0.5f * 1.087f, 0.5f * 0.978f, 0.5f}},
@@ -135,21 +142,22 @@ TEST_F(IgclTest, ModesAdjustTheGainsAndWarmthRestoresTheBlocks) {
 TEST_F(IgclTest, LibraryFailuresAndShortInputsRefuse) {
     const ChannelGainRequest request{1.0f, 1.0f, 1.0f, 0.0f, 0.0f};
     const struct {
-        uint32_t blockCount, blockType, setResult;
-        int setCalls;
-    } failures[] = {{0, 1, 0, 0}, {1, 2, 0, 0}, {1, 1, 0x4000000E, 1}};  // no blocks; no 1D LUT; the set fails
+        Json blocks;
+        uint32_t setResult;
+        size_t sets;
+    } failures[] = {{Json::array(), 0, 0}, {{Block(0, 2, 5)}, 0, 0}, {{Block(0, 1, 5)}, 0x4000000E, 1}};  // no blocks; no 1D LUT; the set fails
     for (const auto& f : failures) {
-        state->blockCount = f.blockCount, state->blockTypes[0] = f.blockType, state->setResult = f.setResult;
-        state->setCalls = 0;
+        Output(0) = {{"flags", 3}, {"blocks", f.blocks}, {"set_result", f.setResult}};
         EXPECT_EQ(SetGains(HAL_DISPLAY_CHANNEL_GAINS, request, 20, 0), 0u);
-        EXPECT_EQ(state->setCalls, f.setCalls);
+        EXPECT_EQ(Calls("ctlPixelTransformationSetConfig").size(), f.sets);
     }
-    const int loads = state->attaches;
     const std::pair<uint32_t, uint32_t> shortInputs[] = {{6, 19}, {5, 7}, {2, 20}, {3, 20}, {4, 20}};
-    for (const auto& [code, size] : shortInputs) EXPECT_EQ(SetGains(code, request, size, 0), 0u) << code;
+    for (const auto& [code, size] : shortInputs) {
+        EXPECT_EQ(SetGains(code, request, size, 0), 0u) << code;
+        EXPECT_TRUE(machine.Asked("library").empty()) << "refused before the library is loaded";
+    }
     EXPECT_EQ(HalSetInformation(HAL_CLASS_DISPLAY, nullptr, HAL_DISPLAY_CHANNEL_GAINS, nullptr, 20, nullptr, 0), 0u);
-    EXPECT_EQ(state->attaches, loads) << "refused before the library is loaded";
-    g_present = false;
+    Igcl() = false;
     DebugCapture debug;
     EXPECT_EQ(SetGains(HAL_DISPLAY_CHANNEL_GAINS, request, 20, 0), 0u);
     EXPECT_EQ(debug.Messages(), (std::vector<std::wstring>{L"Enter ctl_result_t SetGammaForAdl1(SetGammaForAdl)\n",

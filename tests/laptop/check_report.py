@@ -25,7 +25,7 @@ def flat(node, path=""):
     return {path: node}
 
 
-# Under replay the vendor display libraries and the graphics driver's server are absent, so "display" is not
+# These /1 profiles record only whether the vendor display libraries and the graphics driver's server exist, so "display" is not
 # available on either machine, nor is the enclave service; the desktop has no device with a problem ("drivers").
 for name, report in (("laptop", laptop), ("desktop", desktop)):
     actual = flat(report)

@@ -63,7 +63,16 @@ TEST(Replay, CommandsAnswerWithTheirStatusWordsAndCalls) {
     refusing["wlan"]["interfaces"][0]["set_error"] = ERROR_ACCESS_DENIED;
     std::ofstream(Beside(L"refusing-laptop.json"), std::ios::binary) << refusing.dump();
 
+    // The laptop whose firmware reads 41.7, a single-precision number.
+    torvex::test::Json reading = torvex::test::Json::parse(torvex::test::MachineText("intel-laptop"));
+    reading["firmware"]["answers"]["020201"]["output"] = "00002907";
+    // ... and whose cache level 3 cannot be fetched: the reason keeps the error.
+    reading["wmi"]["ROOT\\CIMV2"]["queries"]["SELECT InstalledSize FROM Win32_CacheMemory WHERE Level='3'"] = {
+        {"rows", torvex::test::Json::array()}, {"then", "0x8004100C"}};
+    std::ofstream(Beside(L"reading-laptop.json"), std::ios::binary) << reading.dump();
+
     const wchar_t *laptop = L"machines\\intel-laptop.json", *desktop = L"machines\\amd-desktop.json";
+    const wchar_t* reads = L"reading-laptop.json";
     const wchar_t* refuses = L"refusing-laptop.json";
     const std::string batteryOpen = "file open \\\\?\\acpi#pnp0c0a#1#{72631e54-78a4-11d0-bcf7-00aa00b7b32a} "
                                     "[access 0xC0000000, share 0x3, disposition 3, flags 0x80]";
@@ -74,6 +83,10 @@ TEST(Replay, CommandsAnswerWithTheirStatusWordsAndCalls) {
          batteryOpen.c_str(), L"laptop-report.json"},
         {desktop, {L"report", L"--json"}, 0, "\"schema\"", "ioctl \\\\.\\C: IOCTL_STORAGE_GET_DEVICE_NUMBER [out 12 bytes]",
          L"desktop-report.json"},
+        {reads, {L"report", L"--json"}, 0, "\"oem_reading\": 41.7,", "firmware OemWMIfun packet 020201 "},
+        {reads, {L"report"}, 0, "L3 size:                        not available (wmi ROOT\\CIMV2 \"SELECT InstalledSize FROM "
+         "Win32_CacheMemory WHERE Level='3'\": fetching failed with 0x8004100C)",
+         "wmi ROOT\\CIMV2 \"SELECT InstalledSize FROM Win32_CacheMemory WHERE Level='3'\""},
         {laptop, {L"report"}, 0, "== Battery ==", "registry HKLM\\HARDWARE\\DESCRIPTION\\System\\CentralProcessor\\0 [access 0x20119]"},
         {laptop, chargeControl, 0, "charge control set to 60 / 80",  // the packet 03 10 3c 50
          "firmware put u64Input [VARIANT type 8, CIM type 21, text 1346113539] -> accepted"},
@@ -89,7 +102,7 @@ TEST(Replay, CommandsAnswerWithTheirStatusWordsAndCalls) {
         {refuses, {L"firmware", L"super-saver-on"}, 2, "refused super-saver-on", "firmware OemWMIfun packet 030f0521 "},
         {refuses, {L"firmware", L"thermal-defaults"}, 2, "refused thermal-defaults", "firmware OemWMIfun packet 030f "},
         {refuses, {L"firmware", L"pl1"}, 2, "did not answer", "firmware OemWMIfun packet 030c01 "},
-        {laptop, {L"display", L"brightness", L"40"}, 2, "HalInit(19) refused", "library ControlLib.dll -> absent"},
+        {laptop, {L"display", L"brightness", L"40"}, 2, "HalInit(19) refused", "library ControlLib.dll [ControlLib.dll, flags 0xA00] -> absent"},
         {laptop, {L"uninstall", L"system", L"PCI\\NOT_HERE", L"--yes"}, 2, "no present device",
          "setupapi open {4D36E97D-E325-11CE-BFC1-08002BE10318} DIGCF_PRESENT -> 2 devices"},
         {desktop, chargeControl, 2, "refused", "firmware class OemWMIMethod in ROOT\\WMI -> absent"},

@@ -58,10 +58,10 @@ TEST(BatteryTest, TheDeviceAnswersWhereItCanAndWmiElsewhere) {
     const std::tuple<const char*, Change, std::optional<uint32_t>, std::optional<uint32_t>, const char*> cases[] = {
         {"as it is", [](Json&) {}, 50000, 12600, device},
         {"not a system battery", [](Json& m) { Ioctls(m)[kInformation]["fields"]["capabilities"] = 0x7FFFFFFF; }, 60000, 11000, device},
-        {"no information", [](Json& m) { Ioctls(m)[kInformation] = {{"error", 1}}; }, 60000, 11000, device},
-        {"no status", [](Json& m) { Ioctls(m)[kStatus] = {{"error", 1}}; }, 60000, 11000, device},
+        {"no information", [](Json& m) { Ioctls(m)[kInformation] = {{"error", "0x00000001"}}; }, 60000, 11000, device},
+        {"no status", [](Json& m) { Ioctls(m)[kStatus] = {{"error", "0x00000001"}}; }, 60000, 11000, device},
         {"a manufacturer", [](Json& m) { Ioctls(m)[kManufacturer] = {{"text", "Maker"}}; }, 50000, 12600, "WMI Name"},
-        {"no device name", [](Json& m) { Ioctls(m)[kDeviceName] = {{"error", 1}}; }, 50000, 12600, "WMI Name"},
+        {"no device name", [](Json& m) { Ioctls(m)[kDeviceName] = {{"error", "0x00000001"}}; }, 50000, 12600, "WMI Name"},
         {"an empty device name", [](Json& m) { Ioctls(m)[kDeviceName] = {{"text", ""}}; }, 50000, 12600, "WMI Name"},
         {"tag 0", [](Json& m) {  // even when the device would answer for it
              Json& io = Ioctls(m);
@@ -71,16 +71,16 @@ TEST(BatteryTest, TheDeviceAnswersWhereItCanAndWmiElsewhere) {
                  io[key.replace(key.find(' ') + 1, 2, "00")] = answer;  // the same request for tag 0
              }
          }, 60000, 11000, "WMI Name"},
-        {"no tag", [](Json& m) { Ioctls(m)[kTag] = {{"error", 1}}; }, 60000, 11000, "WMI Name"},
-        {"not opened", [](Json& m) { m["files"]["paths"][kPath]["open"] = {{"error", 5}}; }, 60000, 11000, "WMI Name"},
+        {"no tag", [](Json& m) { Ioctls(m)[kTag] = {{"error", "0x00000001"}}; }, 60000, 11000, "WMI Name"},
+        {"not opened", [](Json& m) { m["files"]["paths"][kPath]["open"] = {{"error", "0x00000005"}}; }, 60000, 11000, "WMI Name"},
         {"no interface", [](Json& m) { m["devices"]["sets"][kSet] = Json::array(); }, 60000, 11000, "WMI Name"},
         {"WMI's zeros", [](Json& m) {
-             Ioctls(m)[kTag] = {{"error", 1}};
+             Ioctls(m)[kTag] = {{"error", "0x00000001"}};
              m["wmi"]["ROOT\\WMI"]["queries"] = {{"SELECT Voltage FROM BatteryStatus", Rows("Voltage", {0})},
                                                   {"SELECT DesignedCapacity FROM BatteryStaticData", Rows("DesignedCapacity", {0})}}; },
          std::nullopt, std::nullopt, nullptr},
         // WMI's "no value" fails the capacity, but is the system's unknown voltage and passes.
-        {"nothing", [](Json& m) { Ioctls(m)[kTag] = {{"error", 1}}; m["wmi"]["ROOT\\WMI"] = Json::object(); }, std::nullopt, 0xFFFFFFFF, nullptr},
+        {"nothing", [](Json& m) { Ioctls(m)[kTag] = {{"error", "0x00000001"}}; m["wmi"]["ROOT\\WMI"] = Json::object(); }, std::nullopt, 0xFFFFFFFF, nullptr},
     };
     for (const auto& [what, change, designed, voltage, name] : cases) {
         SCOPED_TRACE(what);
@@ -126,7 +126,7 @@ TEST(BatteryTest, PresenceAndBoundedRetries) {
         EXPECT_EQ(Number(6), 1u) << "the AC line needs no battery";
         EXPECT_TRUE(machine.Asked("setupapi").empty() && machine.Asked("wmi").empty());
     }
-    power = {{"status", {{"error", 31}}}, {"battery_state", {{"status", -1073741823}}}};
+    power = {{"status", {{"error", "0x0000001F"}}}, {"battery_state", {{"status", "0xC0000001"}}}};
     machine.trace.Clear();
     EXPECT_EQ(Number(6), std::nullopt);
     EXPECT_EQ(machine.Asked("power"), Lines(3, "power status"));

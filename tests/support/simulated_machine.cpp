@@ -10,7 +10,7 @@
 namespace torvex::test {
 
 SimulatedMachine::SimulatedMachine(Json members) {
-    members["schema"] = sim::kProfileSchema;
+    if (!members.contains("schema")) members["schema"] = sim::kProfileSchema;
     profile = sim::Profile::Parse(members.dump(), "inline profile");
     machine_ = std::make_unique<sim::Machine>(TorvexModule(), sim::MachineOptions{&profile, nullptr, &trace});
 }

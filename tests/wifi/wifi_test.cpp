@@ -87,8 +87,8 @@ TEST_F(WifiTest, AnEmptyRecordIsItsHeaderAlone) {
 TEST_F(WifiTest, InitFailuresReportOnTheDebuggerAndLeaveOutUntouched) {
     const std::tuple<Json, bool, std::wstring> cases[] = {  // the machine, a null client handle, the message
         {Json::object(), false, L"WlanOpenHandle Error Result:1062"},  // no Native Wifi service
-        {{{"wlan", {{"open_error", 5}}}}, false, L"WlanOpenHandle Error Result:5"},
-        {{{"wlan", {{"enum_error", 1168}}}}, false, L"WlanEnumInterfaces Error Result:1168"},  // the client is closed
+        {{{"wlan", {{"open_error", "0x00000005"}}}}, false, L"WlanOpenHandle Error Result:5"},
+        {{{"wlan", {{"enum_error", "0x00000490"}}}}, false, L"WlanEnumInterfaces Error Result:1168"},  // the client is closed
         {Laptop(), true, L"WlanOpenHandle Error Result:0"}};
     for (const auto& [profile, nullClient, message] : cases) {
         machine.emplace(profile);
@@ -152,7 +152,7 @@ TEST_F(WifiTest, SetSwitchesTheSoftwareRadioOnlyWhenItChanges) {
     EXPECT_EQ(Set(0), 1u);
     EXPECT_EQ(Query().second[2], static_cast<uint32_t>(dot11_radio_state_off));
     EXPECT_EQ(Set(0), 1u);
-    machine->profile.doc()["wlan"]["interfaces"][0]["set_error"] = 5;
+    machine->profile.doc()["wlan"]["interfaces"][0]["set_error"] = "0x00000005";
     EXPECT_EQ(Set(1), 1u);
     const auto calls = machine->Calls("wlan");  // open, interfaces, then each set's read before its switch
     const std::string call = "switch radio of " + kFirstText + " [opcode 4, size 12, words ";

@@ -2,6 +2,9 @@
 // with the machine's answers kept in a profile. Nothing is set: capturing
 // changes nothing on the machine.
 #include <cstring>
+#include <memory>
+#include <optional>
+#include <string>
 
 #include "tool.h"
 
@@ -76,15 +79,46 @@ void AskEverything() {
 
 namespace {
 
+struct CloseFile {
+    void operator()(HANDLE handle) const { CloseHandle(handle); }
+};
+using FileOwner = std::unique_ptr<void, CloseFile>;
+
+// The file's identity, so that two spellings of one file, links included,
+// compare equal: its volume and index, or where the system cannot say, its
+// full path in lower case; nullopt when there is no such file.
+std::optional<std::wstring> FileIdentity(const std::wstring& path) {
+    HANDLE raw = CreateFileW(path.c_str(), 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                             OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+    if (raw == INVALID_HANDLE_VALUE) return std::nullopt;
+    FileOwner file(raw);
+    BY_HANDLE_FILE_INFORMATION info{};
+    if (GetFileInformationByHandle(raw, &info))
+        return std::to_wstring(info.dwVolumeSerialNumber) + L":" + std::to_wstring(info.nFileIndexHigh) + L":" +
+               std::to_wstring(info.nFileIndexLow);
+    wchar_t full[MAX_PATH] = {};
+    const DWORD length = GetFullPathNameW(path.c_str(), MAX_PATH, full, nullptr);
+    std::wstring identity = L"path:" + std::wstring(full, length < MAX_PATH ? length : 0);
+    CharLowerBuffW(identity.data(), static_cast<DWORD>(identity.size()));
+    return identity;
+}
+
 int RunCapture(const std::vector<std::wstring>& args) {
     std::wstring file;
-    bool redact = false;
+    bool redact = false, force = false;
     for (const auto& arg : args) {
         if (arg == L"--redact") redact = true;
+        else if (arg == L"--force") force = true;
         else if (file.empty() && !arg.empty() && arg[0] != L'-') file = arg;
         else return UsageError("capture", "unexpected argument " + Utf8(arg));
     }
     if (file.empty()) return UsageError("capture", "expected the profile file to write");
+    // Checked before anything is recorded: the profile being replayed is
+    // never written over, another existing file only when asked to.
+    const auto target = FileIdentity(file);
+    if (target && !ReplayedFile().empty() && target == FileIdentity(ReplayedFile()))
+        return UsageError("capture", Utf8(file) + " is the profile being replayed; capture into another file");
+    if (target && !force) return UsageError("capture", Utf8(file) + " exists; give --force to write over it");
     torvex::sim::Profile profile;
     if (!RecordInto(&profile)) {
         PrintError("torvex capture: the library runs beneath another machine; nothing can be recorded");
@@ -93,7 +127,12 @@ int RunCapture(const std::vector<std::wstring>& args) {
     AskEverything();
     RecordVendorPresence();
     RecordInto(nullptr);
-    if (redact) torvex::sim::Redact(profile);
+    try {
+        if (redact) torvex::sim::Redact(profile);
+    } catch (const torvex::sim::ProfileError& e) {
+        PrintError(std::string("torvex capture: ") + e.what());
+        return kExitRefused;
+    }
     profile.doc()["machine"] = {{"captured_by", "torvex " TORVEX_VERSION_TEXT}, {"redacted", redact}};
     try {
         profile.Save(file);
@@ -105,7 +144,7 @@ int RunCapture(const std::vector<std::wstring>& args) {
     return kExitOk;
 }
 
-const CommandRegistration kCapture("capture", "capture FILE [--redact]",
+const CommandRegistration kCapture("capture", "capture FILE [--redact] [--force]",
                                    "record every answer the machine gives the library into a profile (changes nothing)",
                                    "torvex capture laptop.json --redact", RunCapture);
 

@@ -9,10 +9,12 @@ namespace {
 
 int RunWmi(const std::vector<std::wstring>& args) {
     if (args.size() != 3) return UsageError("wmi", "expected NAMESPACE QUERY PROPERTY");
+    const size_t start = RunTrace().Size();
     HalWmi wmi(args[0]);
     const std::wstring values = wmi.SelectStrB(args[1], args[2]);
     if (values.empty()) {
-        PrintLine("(no value)");
+        const std::string why = RunTrace().Reason(start);
+        PrintError("torvex wmi: no value (" + (why.empty() ? std::string("every row's ") + Utf8(args[2]) + " is empty" : why) + ")");
         return kExitRefused;
     }
     PrintLine(Utf8(values));
@@ -31,6 +33,17 @@ void PrintAnswer(const unsigned char* answer, size_t size) {
             at += std::snprintf(line + at, sizeof(line) - static_cast<size_t>(at), " %02x", answer[j]);
         PrintLine(line);
     }
+}
+
+// The packet text the channel takes: hex digits, at most 128 of them after
+// an optional "0x".
+bool PacketText(const std::wstring& text) {
+    const size_t start = text.size() >= 2 && text[0] == L'0' && text[1] == L'x' ? 2 : 0;
+    if (text.size() == start || text.size() - start > 128) return false;
+    for (size_t i = start; i < text.size(); ++i)
+        if (!((text[i] >= L'0' && text[i] <= L'9') || (text[i] >= L'a' && text[i] <= L'f') || (text[i] >= L'A' && text[i] <= L'F')))
+            return false;
+    return true;
 }
 
 int RunFirmware(const std::vector<std::wstring>& args) {
@@ -72,6 +85,8 @@ int RunFirmware(const std::vector<std::wstring>& args) {
             if (!word) return UsageError("firmware", "malformed command word " + Utf8(args[1]));
             ok = channel.GetOutPutUInt(*word, answer, sizeof(answer));
         } else {
+            if (!PacketText(args[1]))
+                return UsageError("firmware", "malformed packet " + Utf8(args[1]) + " (1 to 128 hex digits, \"0x\" first or not)");
             ok = channel.GetOutPutUIntByString(Utf8(args[1]), answer, sizeof(answer));
         }
         if (!ok) {
@@ -81,6 +96,8 @@ int RunFirmware(const std::vector<std::wstring>& args) {
         PrintAnswer(answer, sizeof(answer));
         return kExitOk;
     }
+    for (const wchar_t* word : {L"pl1", L"super-saver-on", L"super-saver-off", L"thermal-defaults", L"word", L"packet"})
+        if (what == word) return UsageError("firmware", "wrong number of arguments for " + Utf8(what));
     return UsageError("firmware", "unknown firmware command " + Utf8(what));
 }
 

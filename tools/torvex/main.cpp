@@ -2,10 +2,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <cstdint>
 #include <map>
-#include <sstream>
 
 #include <nlohmann/json.hpp>
 
@@ -102,6 +102,16 @@ void Section::Number(const std::string& name, double value, const std::string& u
     facts.push_back(fact);
 }
 
+void Section::Single(const std::string& name, float value, const std::string& unit) {
+    char text[32];
+    const auto end = std::to_chars(text, text + sizeof(text), value).ptr;
+    Number(name, std::strtod(std::string(text, end).c_str(), nullptr), unit);
+}
+
+void Section::Source(const std::string& source) {
+    if (!facts.empty()) facts.back().source = source;
+}
+
 // The reason is what the library's last call saw fail on the machine; the
 // section's own explanation stands only when no system call failed.
 void Section::Missing(const std::string& name, const std::string& reason, const std::string& unit) {
@@ -109,6 +119,14 @@ void Section::Missing(const std::string& name, const std::string& reason, const 
     fact.name = name;
     const std::string why = Why();
     fact.reason = why.empty() ? reason : why;
+    fact.unit = unit;
+    facts.push_back(fact);
+}
+
+void Section::Absent(const std::string& name, const std::string& reason, const std::string& unit) {
+    Fact fact;
+    fact.name = name;
+    fact.reason = reason;
     fact.unit = unit;
     facts.push_back(fact);
 }
@@ -160,15 +178,12 @@ int UsageError(const char* command, const std::string& message) {
 
 namespace {
 
+// Whole numbers as integers; others as the shortest decimal that reads back
+// as the same number.
 std::string FormatNumber(double value) {
-    std::ostringstream out;
-    if (std::floor(value) == value && std::fabs(value) < 1e18) {
-        out << static_cast<long long>(value);
-    } else {
-        out.precision(6);
-        out << value;
-    }
-    return out.str();
+    if (std::floor(value) == value && std::fabs(value) < 1e18) return std::to_string(static_cast<long long>(value));
+    char text[32];
+    return std::string(text, std::to_chars(text, text + sizeof(text), value).ptr);
 }
 
 // JSON key of a fact: its name in lower case with blanks as underscores.
@@ -193,6 +208,7 @@ void RenderText(const Section& section, int depth) {
         if (fact.text) value = *fact.text;
         else if (fact.number) value = FormatNumber(*fact.number) + (fact.unit.empty() ? "" : " " + fact.unit);
         else value = "not available (" + fact.reason + ")";
+        if (!fact.source.empty() && (fact.text || fact.number)) value += "  [" + fact.source + "]";
         PrintLine(indent + "  " + fact.name + ":" + std::string(width - fact.name.size() + 1, ' ') + value);
     }
     for (const Section& child : section.children) RenderText(child, depth + 1);
@@ -209,6 +225,7 @@ struct UnitSuffix {
 constexpr UnitSuffix kUnitSuffixes[] = {
     {"%", "percent"}, {"KB", "kb"},   {"MB", "mb"},   {"MiB", "mib"}, {"GB", "gb"},   {"Hz", "hz"},
     {"MHz", "mhz"},   {"mV", "mv"},   {"mW", "mw"},   {"mWh", "mwh"}, {"bits per pixel", "bpp"},
+    {"K", "k"},
 };
 
 std::string FactKey(const Fact& fact) {
@@ -231,9 +248,10 @@ Json SectionJson(const Section& section) {
     Json out;
     out["available"] = section.note.empty();
     if (!section.note.empty()) out["note"] = section.note;
-    Json reasons = Json::object();
+    Json reasons = Json::object(), sources = Json::object();
     for (const Fact& fact : section.facts) {
         const std::string key = FactKey(fact);
+        if (!fact.source.empty()) sources[key] = fact.source;
         if (fact.text) {
             out[key] = *fact.text;
         } else if (fact.number && std::isfinite(*fact.number)) {
@@ -247,6 +265,7 @@ Json SectionJson(const Section& section) {
         }
     }
     if (!reasons.empty()) out["reasons"] = std::move(reasons);
+    if (!sources.empty()) out["sources"] = std::move(sources);
     if (!section.children.empty()) {
         Json& items = out["items"] = Json::array();
         for (const Section& child : section.children) items.push_back(SectionJson(child));
@@ -309,6 +328,7 @@ int RunHelp(const std::vector<std::wstring>& args) {
         PrintHelp();
         return kExitOk;
     }
+    if (args.size() > 1) return UsageError("help", "unexpected argument " + Utf8(args[1]));
     auto it = Commands().find(Utf8(args[0]));
     if (it == Commands().end()) return UsageError("help", "unknown command " + Utf8(args[0]));
     PrintLine(std::string("usage: torvex ") + it->second.usage);
@@ -335,9 +355,10 @@ int Run(std::vector<std::wstring> args) {
     }
     args.erase(args.begin());
     if (!args.empty() && (args[0] == L"--help" || args[0] == L"-h")) return Commands().at("help").run({Wide(name)});
-    // Commands that need no machine beneath the library: help, and the two
-    // that set one up for the command they run.
-    const bool machine = name != "help" && name != "replay" && name != "trace";
+    // Commands that need no machine beneath the library: help, the two that
+    // set one up for the command they run, and those that only read profiles
+    // or run torvex.exe again.
+    const bool machine = name != "help" && name != "replay" && name != "trace" && name != "diff" && name != "upgrade";
     if (machine) RunTrace().Scope(name);
     return RunOnMachine(it->second.run, args, machine);
 }

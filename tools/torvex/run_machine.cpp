@@ -15,6 +15,7 @@ using torvex::sim::Trace;
 
 Trace g_trace;
 Profile* g_replay = nullptr;
+std::wstring g_replayFile;
 Profile* g_record = nullptr;
 std::unique_ptr<Machine> g_machine;
 Api g_real;
@@ -57,8 +58,10 @@ int RunReplay(const std::vector<std::wstring>& args) {
         return kExitUsage;
     }
     g_replay = profile.get();
+    g_replayFile = args[0];
     const int status = Run(std::vector<std::wstring>(args.begin() + 1, args.end()));
     g_replay = nullptr;
+    g_replayFile.clear();
     return status;
 }
 
@@ -134,5 +137,14 @@ void RecordVendorPresence() {
 }
 
 Profile* ReplayedProfile() { return g_replay; }
+
+const std::wstring& ReplayedFile() { return g_replayFile; }
+bool CalledSince(const std::string& source, const std::string& call, const std::string& outcome) {
+    const std::vector<torvex::sim::Event> events = g_trace.Events();
+    for (size_t i = g_callStart; i < events.size(); ++i)
+        if (events[i].source == source && events[i].call.rfind(call, 0) == 0 && events[i].outcome.rfind(outcome, 0) == 0)
+            return true;
+    return false;
+}
 
 }  // namespace tool

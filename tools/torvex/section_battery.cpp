@@ -44,7 +44,7 @@ void Fill(Section& section) {
         section.Text("AC power", value == 1 ? "online" : value == 0 ? "offline" : "unknown");
     float reading = 0;
     if (api.HalQueryInformation(HAL_CLASS_BATTERY, nullptr, HAL_BT_OEM_READING, &reading, 4, &written))
-        section.Number("OEM reading", reading);
+        section.Single("OEM reading", reading);
     else
         section.Missing("OEM reading", "no OEM firmware method");
     uint8_t pair[2] = {};

@@ -32,6 +32,9 @@ void Fill(Section& section) {
         item.key = a.key;
         item.title = std::string(a.key) + " adapter";
         item.Text("kind", a.key);
+        // The library's reading of one WMI text, which hybrid-graphics laptops often give the other way round.
+        item.Source("the library's reading of the adapter's Win32_VideoController AdapterDACType: \"Integrated\" in it "
+                    "counts as integrated, anything else as discrete");
         const char* names[] = {"name", "status", "driver version", "driver date"};
         for (uint32_t i = 0; i < 4; ++i) {
             wchar_t text[300] = {};

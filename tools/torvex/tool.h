@@ -69,6 +69,7 @@ struct Fact {
     std::optional<double> number;      // numeric value
     std::string unit;                  // after a number in text form; the suffix of its JSON key
     std::string reason;                // why the fact is not available
+    std::string source;                // where the library takes it from, where a reader could mistake it
 };
 
 struct Section {
@@ -80,8 +81,16 @@ struct Section {
 
     void Text(const std::string& name, const std::string& value);
     void Number(const std::string& name, double value, const std::string& unit = "");
+    // A single-precision answer, kept as the shortest decimal that reads back
+    // as the same float (41.7, not 41.70000076293945).
+    void Single(const std::string& name, float value, const std::string& unit = "");
     // A number that is missing names its unit too: its JSON key is the same either way.
     void Missing(const std::string& name, const std::string& reason, const std::string& unit = "");
+    // A fact the library is not asked for on this machine, for the reason given.
+    void Absent(const std::string& name, const std::string& reason, const std::string& unit = "");
+    // Says where the last fact comes from, for facts whose name promises more
+    // than their source holds (shown beside it, and under "sources" in JSON).
+    void Source(const std::string& source);
 };
 
 // A report section provider, registered by the file that implements it.
@@ -119,8 +128,13 @@ bool RecordInto(torvex::sim::Profile* profile);
 void RecordVendorPresence();
 // Every query of every class and device, as `torvex capture` asks them (no set).
 void AskEverything();
-// The profile being replayed, or null.
+// The profile being replayed, or null; the file it came from, or "".
 torvex::sim::Profile* ReplayedProfile();
+const std::wstring& ReplayedFile();
+// True when, since the last library call began, the library made a call of
+// `source` whose identity starts with `call` and whose outcome starts with
+// `outcome` (the back end a display initialisation chose, for instance).
+bool CalledSince(const std::string& source, const std::string& call, const std::string& outcome);
 
 constexpr int kExitOk = 0;
 constexpr int kExitUsage = 1;
