@@ -130,16 +130,21 @@ Result Guarded(Result fallback, Body body) noexcept {
     }
 }
 
+// Calls visit(set, data) for each device of `set` in turn; a set that did not open has none.
+template <typename Visit>
+void ForEachDevice(const DevInfoSet& set, Visit visit) {
+    if (!set) return;
+    SP_DEVINFO_DATA data{};
+    for (DWORD i = 0; Enumerate(set.get(), i, data); ++i) visit(set.get(), data);
+}
+
 std::vector<std::wstring> ReadEveryDevice(const GUID& classGuid, const DEVPROPKEY& key) {
     std::vector<std::wstring> result;
-    DevInfoSet set = OpenClass(classGuid);
-    if (!set) return result;
-    SP_DEVINFO_DATA data{};
     PropertyBuffer buffer;
-    for (DWORD i = 0; Enumerate(set.get(), i, data); ++i) {
+    ForEachDevice(OpenClass(classGuid), [&](HDEVINFO set, SP_DEVINFO_DATA& data) {
         // A failed read still adds an entry, empty.
-        result.push_back(ReadString(set.get(), data, key, buffer) ? buffer.First() : std::wstring());
-    }
+        result.push_back(ReadString(set, data, key, buffer) ? buffer.First() : std::wstring());
+    });
     return result;
 }
 
@@ -339,31 +344,25 @@ unsigned long long DeviceInformention::GetLastIntallTime(const std::wstring& har
 void DeviceInformention::GetAllDeviceHardwareId(std::vector<std::wstring>& hardwareIds) {
     Guarded(0, [&] {
         hardwareIds.clear();
-        DevInfoSet set = OpenAllClasses();
-        if (!set) return 0;
-        SP_DEVINFO_DATA data{};
         PropertyBuffer buffer;
-        for (DWORD i = 0; Enumerate(set.get(), i, data); ++i) {
-            if (!ReadString(set.get(), data, keys::kHardwareIds, buffer)) continue;
+        ForEachDevice(OpenAllClasses(), [&](HDEVINFO set, SP_DEVINFO_DATA& data) {
+            if (!ReadString(set, data, keys::kHardwareIds, buffer)) return;
             const std::wstring first = buffer.First();
             if (first.compare(0, 3, L"PCI") == 0) hardwareIds.push_back(first);
-        }
+        });
         return 0;
     });
 }
 
 void DeviceInformention::GetSoftComponentItems(std::vector<std::wstring>& hardwareIds, const std::wstring& parentText) {
     Guarded(0, [&] {
-        DevInfoSet set = OpenAllClasses();
-        if (!set) return 0;
-        SP_DEVINFO_DATA data{};
         PropertyBuffer parent;
         PropertyBuffer ids;
-        for (DWORD i = 0; Enumerate(set.get(), i, data); ++i) {
-            if (!ReadString(set.get(), data, keys::kParent, parent, kWideReadSize)) continue;
-            if (StrStrW(parent.text, parentText.c_str()) == nullptr) continue;
-            if (ReadString(set.get(), data, keys::kHardwareIds, ids, kWideReadSize)) hardwareIds.push_back(ids.First());
-        }
+        ForEachDevice(OpenAllClasses(), [&](HDEVINFO set, SP_DEVINFO_DATA& data) {
+            if (!ReadString(set, data, keys::kParent, parent, kWideReadSize)) return;
+            if (StrStrW(parent.text, parentText.c_str()) == nullptr) return;
+            if (ReadString(set, data, keys::kHardwareIds, ids, kWideReadSize)) hardwareIds.push_back(ids.First());
+        });
         return 0;
     });
 }
@@ -371,17 +370,14 @@ void DeviceInformention::GetSoftComponentItems(std::vector<std::wstring>& hardwa
 std::vector<std::wstring> DeviceInformention::GetInternalDeviceHardwareId(const GUID& classGuid) {
     return Guarded(std::vector<std::wstring>(), [&] {
         std::vector<std::wstring> result;
-        DevInfoSet set = OpenClass(classGuid);
-        if (!set) return result;
-        SP_DEVINFO_DATA data{};
         PropertyBuffer buffer;
-        for (DWORD i = 0; Enumerate(set.get(), i, data); ++i) {
-            if (!ReadString(set.get(), data, keys::kHardwareIds, buffer)) continue;
+        ForEachDevice(OpenClass(classGuid), [&](HDEVINFO set, SP_DEVINFO_DATA& data) {
+            if (!ReadString(set, data, keys::kHardwareIds, buffer)) return;
             ULONG status = 0;
             ULONG problem = 0;
-            if (CM_Get_DevNode_Status(&status, &problem, data.DevInst, 0) != CR_SUCCESS) continue;
+            if (CM_Get_DevNode_Status(&status, &problem, data.DevInst, 0) != CR_SUCCESS) return;
             if ((status & kRemovableNode) == 0) result.push_back(buffer.First());
-        }
+        });
         return result;
     });
 }

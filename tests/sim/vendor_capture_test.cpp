@@ -10,7 +10,7 @@
 
 #include "support/simulated_machine.h"
 #include "support/torvex_test.h"
-#include "vendor.h"
+#include "torvex/graphics_server.h"
 
 using torvex::sim::Json;
 using torvex::sim::Profile;

@@ -7,6 +7,7 @@ import re
 import sys
 
 from jsonschema import Draft202012Validator
+from verdict import verdict
 
 IDENTIFYING = re.compile(r"^(serialnumber|identifyingnumber|uuid|processorid)$", re.I)
 
@@ -45,11 +46,7 @@ def main(schema_path, original_path, redacted_path, profiles):
         for position, instance in enumerate(before.get("sets", {}).get(key, [])):
             if instance in before.get("nodes", {}) and (position >= len(kept) or kept[position] not in after.get("nodes", {})):
                 failures.append(f"set {key} lost its node {position} in redaction")
-    for failure in failures:
-        print("FAIL:", failure)
-    if not failures:
-        print(f"ok: {len(profiles)} profiles match the schema; {len(secrets)} identifying values redacted")
-    return 1 if failures else 0
+    return verdict(failures, f"{len(profiles)} profiles match the schema; {len(secrets)} identifying values redacted")
 
 
 if __name__ == "__main__":

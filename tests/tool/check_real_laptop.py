@@ -4,6 +4,8 @@ Usage: check_real_laptop.py REPORT"""
 import json
 import sys
 
+from verdict import verdict
+
 DXDIAG = "DxDiag"  # the Windows side, from the DxDiag report
 SMBIOS = "SMBIOS"  # the firmware side, from the dmidecode output of the probe
 
@@ -76,11 +78,7 @@ def main(path):
             actual = "(missing)"
         if actual != value or type(actual) is not type(value):
             failures.append(f"{fact} is {actual!r}, not {value!r} ({source})")
-    for failure in failures:
-        print("FAIL: dell-inspiron-5521:", failure)
-    if not failures:
-        print(f"ok: the laptop written from its dumps replays all {len(FACTS)} facts")
-    return 1 if failures else 0
+    return verdict(failures, f"the laptop written from its dumps replays all {len(FACTS)} facts", "dell-inspiron-5521: ")
 
 
 if __name__ == "__main__":

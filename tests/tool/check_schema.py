@@ -1,11 +1,12 @@
 """Holds torvex report --json documents to docs/report.schema.json: the schema
 admits no key it does not describe, each document validates, and every null
 fact has its reason while no reason stands for a fact that has a value.
-Usage: check_schema.py SCHEMA REPORT...  (check_report.py imports problems())."""
+Usage: check_schema.py SCHEMA REPORT..."""
 import json
 import sys
 
 from jsonschema import Draft202012Validator
+from verdict import verdict
 
 
 def loose_objects(schema, path="#"):
@@ -57,11 +58,7 @@ def main(schema_path, report_paths):
             found.append(f"{path}: not one JSON document: {error}")
             continue
         found += [f"{path}: {problem}" for problem in problems(schema, report)]
-    for problem in found:
-        print("FAIL:", problem)
-    if not found:
-        print(f"ok: {len(report_paths)} report(s) match {schema_path}")
-    return 1 if found else 0
+    return verdict(found, f"{len(report_paths)} report(s) match {schema_path}")
 
 
 if __name__ == "__main__":

@@ -6,6 +6,8 @@ import json
 import re
 import sys
 
+from verdict import verdict
+
 PLACEHOLDER = re.compile(r"REDACTED-[0-9A-F]{16}")
 
 
@@ -33,11 +35,7 @@ def main(paths):
         text = open(redacted_path, encoding="utf-8").read()
         hidden += len(PLACEHOLDER.findall(text))
         found += [f"{redacted_path}: {d}" for d in differences(original, json.loads(text))]
-    for problem in found:
-        print("FAIL:", problem)
-    if not found:
-        print(f"ok: {len(paths) // 2} redacted replays report what their originals do ({hidden} facts hidden)")
-    return 1 if found else 0
+    return verdict(found, f"{len(paths) // 2} redacted replays report what their originals do ({hidden} facts hidden)")
 
 
 if __name__ == "__main__":
