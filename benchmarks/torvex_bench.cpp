@@ -23,6 +23,7 @@
 #include "torvex.h"
 #include "torvex/com_ptr.h"
 #include "torvex/text.h"
+#include "torvex/ucrt_heap.h"
 
 namespace {
 
@@ -307,8 +308,8 @@ int main(int argc, char** argv) {
     for (size_t i = 0; i < pairs.size(); ++i) Measure(pairs[i], iterations, library[i], baseline[i]);
     PrintTable(pairs, library, baseline, iterations);
 
-    std::free(memory);
-    std::free(disks);
+    torvex_ucrt_free(memory);
+    torvex_ucrt_free(disks);
     CoUninitialize();
     return 0;
 }

@@ -6,8 +6,24 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <windows.h>
 
 #include "torvex.h"
+
+/* Records come from the heap of ucrtbase.dll, the C runtime of programs built
+ * with Microsoft's toolchain, whose free() releases them. This example is
+ * built with mingw-w64 against msvcrt.dll, another heap, so it calls
+ * ucrtbase.dll's free by name (the DLL has loaded ucrtbase.dll). */
+static void free_record(void* record)
+{
+    typedef void(__cdecl * free_fn)(void*);
+    static free_fn ucrt_free;
+
+    if (ucrt_free == NULL)
+        ucrt_free = (free_fn)(void*)GetProcAddress(GetModuleHandleW(L"ucrtbase.dll"), "free");
+    if (ucrt_free != NULL)
+        ucrt_free(record);
+}
 
 static void print_cpu(void)
 {
@@ -49,7 +65,7 @@ static void print_disks(void)
         }
         HalCloseDevice(HAL_CLASS_DISK, disk); /* closes the handle, also the invalid one of a failed open */
     }
-    free(list); /* the list came from the C runtime's malloc */
+    free_record(list);
 }
 
 static void print_battery(void)

@@ -1,14 +1,20 @@
 #include "import_patch.h"
 
 #include <cstring>
+#include <string>
 #include <utility>
 
 namespace torvex::sim {
 namespace {
 
+// `function` is a name, imported from any DLL, or "dll!name" for the one
+// imported from that DLL (e.g. "ucrtbase.dll!free" beside msvcrt.dll's free).
 template <typename Visit>
 void ForEachImportSlot(HMODULE module, const char* function, Visit visit) {
     if (module == nullptr || function == nullptr) return;
+    const char* bang = std::strchr(function, '!');
+    const std::string dll = bang != nullptr ? std::string(function, bang) : std::string();
+    if (bang != nullptr) function = bang + 1;
     auto* base = reinterpret_cast<BYTE*>(module);
     auto* dos = reinterpret_cast<IMAGE_DOS_HEADER*>(base);
     auto* nt = reinterpret_cast<IMAGE_NT_HEADERS*>(base + dos->e_lfanew);
@@ -16,6 +22,7 @@ void ForEachImportSlot(HMODULE module, const char* function, Visit visit) {
     if (dir.VirtualAddress == 0) return;
     for (auto* desc = reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR*>(base + dir.VirtualAddress); desc->Name != 0;
          ++desc) {
+        if (!dll.empty() && _stricmp(reinterpret_cast<const char*>(base + desc->Name), dll.c_str()) != 0) continue;
         auto* names = reinterpret_cast<IMAGE_THUNK_DATA*>(
             base + (desc->OriginalFirstThunk != 0 ? desc->OriginalFirstThunk : desc->FirstThunk));
         auto* slots = reinterpret_cast<IMAGE_THUNK_DATA*>(base + desc->FirstThunk);

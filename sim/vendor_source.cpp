@@ -199,8 +199,8 @@ BOOL WINAPI HookFree(HMODULE module) {
     return g_free(module);
 }
 
-// The C runtime's free, as the library calls it: a block a vendor library
-// handed out comes back here.
+// The record heap's free (ucrtbase.dll's), as the library calls it: a block
+// a vendor library handed out comes back here.
 void __cdecl HookCrtFree(void* block) {
     if (block != nullptr && g_blockCount.load() != 0) {
         std::lock_guard<std::mutex> lock(g_blocksMutex);
@@ -222,7 +222,7 @@ void Install(Installer& installer) {
     installer.Hook("LoadLibraryExW", &HookLoadEx, g_loadEx);
     installer.Hook("GetProcAddress", &HookProc, g_proc);
     installer.Hook("FreeLibrary", &HookFree, g_free);
-    installer.Hook("free", &HookCrtFree, g_crtFree);
+    installer.Hook("ucrtbase.dll!free", &HookCrtFree, g_crtFree);
 }
 
 void Reset() {

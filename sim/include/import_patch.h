@@ -9,7 +9,8 @@
 
 namespace torvex::sim {
 
-// Every import descriptor of the module that names the function is patched
+// Every import descriptor of the module that names the function ("name", or
+// "dll!name" for the one from that DLL) is patched
 // while the object lives; the destructor puts the original back.
 class ImportPatch {
 public:

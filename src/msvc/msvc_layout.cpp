@@ -4,35 +4,12 @@
 
 #include <windows.h>
 
-#include <atomic>
 #include <cstring>
 
-#include "common/win_resource.h"
+#include "torvex/ucrt_heap.h"
 
 namespace torvex::msvc {
 namespace {
-
-using MallocFn = void*(__cdecl*)(size_t);
-using FreeFn = void(__cdecl*)(void*);
-
-std::atomic<MallocFn> g_malloc{nullptr};
-std::atomic<FreeFn> g_free{nullptr};
-
-// Resolved on first use and kept: ucrtbase.dll is pinned, because the blocks
-// handed to a host outlive this library and the host frees them there. A
-// failed attempt is tried again on the next call.
-bool ResolveUcrt() noexcept {
-    if (g_malloc.load(std::memory_order_acquire) != nullptr) return true;
-    const torvex::Library loaded(::LoadLibraryExW(L"ucrtbase.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32));
-    HMODULE pinned = nullptr;
-    if (!loaded || !::GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_PIN, L"ucrtbase.dll", &pinned)) return false;
-    const auto allocate = reinterpret_cast<MallocFn>(reinterpret_cast<void*>(::GetProcAddress(pinned, "malloc")));
-    const auto release = reinterpret_cast<FreeFn>(reinterpret_cast<void*>(::GetProcAddress(pinned, "free")));
-    if (allocate == nullptr || release == nullptr) return false;
-    g_free.store(release, std::memory_order_release);
-    g_malloc.store(allocate, std::memory_order_release);
-    return true;
-}
 
 uintptr_t Address(const void* pointer) { return reinterpret_cast<uintptr_t>(pointer); }
 
@@ -55,11 +32,9 @@ void MakeEmpty(String<C>* text) {
 // ---------------------------------------------------------------- memory
 
 void* Allocate(size_t bytes) noexcept {
-    if (!ResolveUcrt()) return nullptr;
-    const MallocFn allocate = g_malloc.load(std::memory_order_acquire);
-    if (bytes < kBigBlock) return allocate(bytes);
+    if (bytes < kBigBlock) return torvex_ucrt_malloc(bytes);
     if (bytes > SIZE_MAX - kBigOverhead) return nullptr;
-    const uintptr_t block = Address(allocate(bytes + kBigOverhead));
+    const uintptr_t block = Address(torvex_ucrt_malloc(bytes + kBigOverhead));
     if (block == 0) return nullptr;
     const uintptr_t user = (block + kBigOverhead) & ~static_cast<uintptr_t>(kBigAlignment - 1);
     reinterpret_cast<uintptr_t*>(user)[-1] = block;
@@ -76,9 +51,9 @@ bool BlockIntact(const void* pointer, size_t bytes) noexcept {
 }
 
 void Deallocate(void* pointer, size_t bytes) noexcept {
-    if (pointer == nullptr || !ResolveUcrt()) return;
+    if (pointer == nullptr) return;
     void* block = bytes < kBigBlock ? pointer : reinterpret_cast<void*>(static_cast<uintptr_t*>(pointer)[-1]);
-    g_free.load(std::memory_order_acquire)(block);
+    torvex_ucrt_free(block);
 }
 
 // --------------------------------------------------------------- strings

@@ -69,8 +69,7 @@ constexpr size_t kBigAlignment = 32;                                   // of the
 constexpr size_t kBigOverhead = sizeof(void*) + kBigAlignment - 1;     // 39 bytes over-allocated
 constexpr size_t kMinBackShift = sizeof(void*);                        // the back pointer itself
 
-// ucrtbase.dll's malloc under the big-block rule; null when it fails or the
-// runtime cannot be loaded.
+// ucrtbase.dll's malloc under the big-block rule; null when it fails.
 void* Allocate(size_t bytes) noexcept;
 // Gives a block of `bytes` back to ucrtbase.dll's free, through the back
 // pointer for a big block. The block must have passed BlockIntact.

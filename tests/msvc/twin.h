@@ -95,6 +95,9 @@ TWIN_API void TwinForget(void);
  * malloc returned) without having allocated it itself: a block of the host's.
  * For null, how many such frees there were in all. */
 TWIN_API uint32_t TwinFreed(const void* block);
+/* 1 when Torvex.dll allocated the block through ucrtbase.dll's malloc and has
+ * not freed it; the block is the host's from then on and no longer watched. */
+TWIN_API int TwinHandedOut(const void* block);
 /* Debug messages since TwinForget; the last one is copied into `last`. */
 TWIN_API uint32_t TwinMessages(wchar_t* last, uint32_t units);
 

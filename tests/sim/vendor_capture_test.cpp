@@ -11,6 +11,7 @@
 #include "support/simulated_machine.h"
 #include "support/torvex_test.h"
 #include "torvex/graphics_server.h"
+#include "torvex/ucrt_heap.h"
 
 using torvex::sim::Json;
 using torvex::sim::Profile;
@@ -135,12 +136,12 @@ template <typename Fn>
 Fn EntryPoint(HMODULE module, const char* name) {
     return reinterpret_cast<Fn>(reinterpret_cast<void*>(Slot("GetProcAddress", &GetProcAddress)(module, name)));
 }
-void* __stdcall Allocate(int size) { return std::malloc(static_cast<size_t>(size)); }
+void* __stdcall Allocate(int size) { return torvex_ucrt_malloc(static_cast<size_t>(size)); }
 
 // Every call the library makes of the three, with the arguments it gives; every number they answered, in order.
 Numbers Drive() {
     Numbers out;
-    auto freeBlock = Slot("free", &std::free);
+    auto freeBlock = Slot("ucrtbase.dll!free", &torvex_ucrt_free);
     HMODULE adl = Slot("LoadLibraryW", &LoadLibraryW)(L"C:\\windows\\system32\\atiadlxx.dll");
     for (const Entry& entry : kEntries)  // every name first, as the library resolves them
         if (std::strncmp(entry.name, "ADL", 3) == 0) EntryPoint<FARPROC>(adl, entry.name);

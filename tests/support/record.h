@@ -1,11 +1,11 @@
 // The tests release every record the library hands out as a host does, here.
 #pragma once
 
-#include <cstdlib>
+#include "torvex/ucrt_heap.h"
 
 namespace torvex::test {
 
-// The C runtime's free, which pairs with the library's record allocator.
-inline void FreeRecord(void* record) { std::free(record); }
+// ucrtbase.dll's free, which pairs with the library's record allocator.
+inline void FreeRecord(void* record) { torvex_ucrt_free(record); }
 
 }  // namespace torvex::test

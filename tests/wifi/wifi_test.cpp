@@ -79,7 +79,7 @@ TEST_F(WifiTest, InitSnapshotsEveryInterfaceBehindTheClientHandle) {
 // must not query or set on it: both address the first slot regardless).
 TEST_F(WifiTest, AnEmptyRecordIsItsHeaderAlone) {
     Init({{"wlan", {{"interfaces", Json::array()}}}});
-    EXPECT_EQ(_msize(record), 16u);
+    EXPECT_EQ(torvex_ucrt_msize(record), 16u);
     EXPECT_EQ(record->size, 16u);
     EXPECT_EQ(record->count, 0u);
 }
@@ -172,7 +172,7 @@ TEST_F(WifiTest, SetSwitchesTheSoftwareRadioOnlyWhenItChanges) {
 TEST_F(WifiTest, OnWineInitGivesAHeaderOnlyRecordWithAnOpenClient) {
     Init(nullptr);
     EXPECT_TRUE(record->size == 16 && record->count == 0 && record->clientHandle != nullptr);
-    EXPECT_EQ(_msize(record), 16u);
+    EXPECT_EQ(torvex_ucrt_msize(record), 16u);
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 
 #include "tool.h"
 #include "torvex/program_directory.h"
+#include "torvex/ucrt_heap.h"
 
 namespace tool {
 namespace {
@@ -85,7 +86,7 @@ const Api& Library() {
     return api;
 }
 
-void FreeRecord(void* record) { std::free(record); }
+void FreeRecord(void* record) { torvex_ucrt_free(record); }
 
 void Section::Text(const std::string& name, const std::string& value) {
     Fact fact;

@@ -155,10 +155,12 @@ constinit const Case kCases[] = {
 TwinAnswer g_gcc;
 TwinAnswer g_msvc;
 
-// Records still come from msvcrt.dll's malloc, so that is where they go back.
-using FreeFn = void(__cdecl*)(void*);
-FreeFn g_recordFree = nullptr;
-void ReleaseRecord(void* record) { g_recordFree(record); }
+// A record comes from ucrtbase.dll's malloc, handed over by Torvex.dll; the
+// host frees it with its own free, ucrtbase.dll's.
+void ReleaseRecord(void* record) {
+    Check(record == nullptr || TwinHandedOut(record) == 1, "a record from ucrtbase.dll's malloc");
+    free(record);
+}
 
 bool SameAnswer(const TwinAnswer& a, const TwinAnswer& b) {
     return a.number == b.number && a.out == b.out && a.count == b.count && a.used == b.used &&
@@ -471,8 +473,7 @@ void Rounds() {
 
 bool RunHost() {
     FillTexts();
-    g_recordFree = reinterpret_cast<FreeFn>(GetProcAddress(GetModuleHandleW(L"msvcrt.dll"), "free"));
-    if (!Check(g_recordFree != nullptr && TwinWatch() != 0, "the twin watches Torvex.dll")) return false;
+    if (!Check(TwinWatch() != 0, "the twin watches Torvex.dll")) return false;
     ImportsBound();
     SpecialMembers();
     SameAnswers();

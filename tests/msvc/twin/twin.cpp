@@ -35,11 +35,11 @@ namespace {
 std::unique_ptr<torvex::sim::Machine> g_machine;
 torvex::sim::Profile g_profile;
 
-using GetProcAddressFn = FARPROC(WINAPI*)(HMODULE, LPCSTR);
 using MallocFn = void*(__cdecl*)(size_t);
 using FreeFn = void(__cdecl*)(void*);
 
-std::unique_ptr<torvex::test::ImportPatch> g_procPatch;
+std::unique_ptr<torvex::test::ImportPatch> g_mallocPatch;
+std::unique_ptr<torvex::test::ImportPatch> g_freePatch;
 std::unique_ptr<torvex::test::ImportPatch> g_debugPatch;
 MallocFn g_ucrtMalloc = nullptr;
 FreeFn g_ucrtFree = nullptr;
@@ -70,29 +70,13 @@ void __cdecl TrackingFree(void* block) {
     g_ucrtFree(block);
 }
 
-// Torvex.dll resolves ucrtbase.dll's malloc and free once, through
-// GetProcAddress: it gets the tracking ones.
-FARPROC WINAPI WatchingGetProcAddress(HMODULE module, LPCSTR name) {
-    const FARPROC real = g_procPatch->Original<GetProcAddressFn>()(module, name);
-    if (real == nullptr || IS_INTRESOURCE(name) || module != GetModuleHandleW(L"ucrtbase.dll")) return real;
-    void* tracking = nullptr;
-    if (std::strcmp(name, "malloc") == 0) {
-        g_ucrtMalloc = reinterpret_cast<MallocFn>(reinterpret_cast<void*>(real));
-        tracking = reinterpret_cast<void*>(&TrackingMalloc);
-    } else if (std::strcmp(name, "free") == 0) {
-        g_ucrtFree = reinterpret_cast<FreeFn>(reinterpret_cast<void*>(real));
-        tracking = reinterpret_cast<void*>(&TrackingFree);
-    }
-    return tracking != nullptr ? reinterpret_cast<FARPROC>(tracking) : real;
-}
-
 void WINAPI KeepingOutputDebugStringW(LPCWSTR text) {
     ++g_messages;
     wcsncpy(g_lastMessage, text != nullptr ? text : L"", 1023);
     g_lastMessage[1023] = L'\0';
 }
 
-void ReleaseRecord(void* record) { std::free(record); }
+void ReleaseRecord(void* record) { torvex::test::FreeRecord(record); }
 
 }  // namespace
 
@@ -116,13 +100,17 @@ TWIN_API int TwinRun(TwinMember member, const TwinArgs* args, TwinAnswer* answer
     return twin::RunMember(member, args, answer, &ReleaseRecord);
 }
 
+// Torvex.dll's imports of ucrtbase.dll's malloc and free become the tracking ones.
 TWIN_API int TwinWatch(void) {
-    if (g_procPatch) return 1;
-    g_procPatch = std::make_unique<torvex::test::ImportPatch>(
-        "GetProcAddress", reinterpret_cast<void*>(&WatchingGetProcAddress));
+    if (g_mallocPatch) return 1;
+    g_mallocPatch = std::make_unique<torvex::test::ImportPatch>("ucrtbase.dll!malloc",
+                                                                reinterpret_cast<void*>(&TrackingMalloc));
+    g_freePatch = std::make_unique<torvex::test::ImportPatch>("ucrtbase.dll!free", reinterpret_cast<void*>(&TrackingFree));
+    g_ucrtMalloc = g_mallocPatch->Original<MallocFn>();
+    g_ucrtFree = g_freePatch->Original<FreeFn>();
     g_debugPatch = std::make_unique<torvex::test::ImportPatch>(
         "OutputDebugStringW", reinterpret_cast<void*>(&KeepingOutputDebugStringW));
-    return g_procPatch->patched() && g_debugPatch->patched() ? 1 : 0;
+    return g_mallocPatch->patched() && g_freePatch->patched() && g_debugPatch->patched() ? 1 : 0;
 }
 
 TWIN_API void TwinForget(void) {
@@ -137,6 +125,13 @@ TWIN_API uint32_t TwinFreed(const void* block) {
     uint32_t times = 0;
     for (size_t i = 0; i < g_freedCount; ++i) times += g_freed[i] == block ? 1 : 0;
     return times;
+}
+
+TWIN_API int TwinHandedOut(const void* block) {
+    const auto own = std::find(g_allocated, g_allocated + g_allocatedCount, block);
+    if (block == nullptr || own == g_allocated + g_allocatedCount) return 0;
+    *own = g_allocated[--g_allocatedCount];
+    return 1;
 }
 
 TWIN_API uint32_t TwinMessages(wchar_t* last, uint32_t units) {
