@@ -92,6 +92,63 @@ inline void FlatQueries(uint32_t type, TwinAnswer* answer, void (*release)(void*
     if (record != nullptr) release(record);
 }
 
+// The firmware method channel's members in turn, on one object: each result
+// a bit of `number`, every output as a text, the PL1 value's bits in `out`.
+inline void FirmwareMethods(HalWmi& wmi, const TwinArgs* args, TwinAnswer* answer) {
+    unsigned char input[64] = {0x03, 0x0C};
+    unsigned char output[16];
+    memset(output, 0xEE, sizeof(output));
+    auto keep = [&](int bit, bool result) {
+        answer->number |= uint64_t{result} << bit;
+        AddUnits(answer, output, sizeof(output) / sizeof(wchar_t));
+        memset(output, 0xEE, sizeof(output));
+    };
+    keep(0, wmi.GetOutPutUInt(args->number, output, sizeof(output)));
+    keep(1, wmi.GetOutPutUIntEx(input, sizeof(input), output, sizeof(output)));
+    keep(2, wmi.GetOutPutUIntByString(std::string(Narrow(args, 0)), output, sizeof(output)));
+    float pl1 = -1.0f;
+    answer->number |= uint64_t{wmi.GetPL1(pl1)} << 3;
+    memcpy(&answer->out, &pl1, sizeof(pl1));
+    answer->number |= uint64_t{wmi.StartSuperSaver()} << 4;
+    answer->number |= uint64_t{wmi.StopSuperSaver()} << 5;
+    answer->number |= uint64_t{wmi.SetOdvp0ToDefault()} << 6;
+}
+
+// HalWmi's select members on one object made on wide[0].
+inline bool RunWmi(TwinMember member, const TwinArgs* args, TwinAnswer* answer) {
+    HalWmi wmi{std::wstring(Wide(args, 0))};
+    const std::wstring w1(Wide(args, 1)), w2(Wide(args, 2));
+    switch (member) {
+    case TWIN_WMI_SELECT: {
+        unsigned char buffer[64];
+        memset(buffer, 0xEE, sizeof(buffer));
+        const int size = static_cast<int>(args->number);
+        answer->number = wmi.Select(w1, w2, buffer, size);
+        AddUnits(answer, buffer, sizeof(buffer) / sizeof(wchar_t));
+        break;
+    }
+    case TWIN_WMI_SELECT_STR: Add(answer, wmi.SelectStr(w1, w2)); break;
+    case TWIN_WMI_SELECT_STR_A: Add(answer, wmi.SelectStrA(w1, w2)); break;
+    case TWIN_WMI_SELECT_STR_B: Add(answer, wmi.SelectStrB(w1, w2)); break;
+    case TWIN_WMI_SELECT_UINT: answer->number = wmi.SelectUInt(w1, w2); break;
+    case TWIN_WMI_SELECT_UINT_ARRAY: Add(answer, wmi.SelectUIntArray(w1, w2)); break;
+    case TWIN_WMI_CACHE_SUM: answer->number = wmi.SelectUintForCpuCacheL1AndL2(w1, w2); break;
+    case TWIN_WMI_SELECT_BOOL: answer->number = wmi.SelectBool(w1, w2); break;
+    case TWIN_WMI_COPIES: {
+        HalWmi copy(wmi);
+        HalWmi assigned{std::wstring(L"ROOT\\Absent namespace, long enough to leave the small buffer")};
+        assigned = copy;
+        answer->number = copy.Init() | assigned.Init() << 1;
+        Add(answer, copy.SelectStr(w1, w2));
+        Add(answer, assigned.SelectStr(w1, w2));
+        break;
+    }
+    case TWIN_WMI_METHODS: FirmwareMethods(wmi, args, answer); break;
+    default: return false;
+    }
+    return true;
+}
+
 inline int RunMember(TwinMember member, const TwinArgs* args, TwinAnswer* answer, void (*release)(void*)) {
     DeviceInformention device;
     const GUID guid = Guid(args);
@@ -149,7 +206,7 @@ inline int RunMember(TwinMember member, const TwinArgs* args, TwinAnswer* answer
     case TWIN_INTERNAL_DEVICES: Add(answer, device.GetInternalDeviceHardwareId(guid)); break;
     case TWIN_DRIVER_STACK: Add(answer, device.GetDeviceStatck(w0, guid)); break;
     case TWIN_HAL_QUERIES: FlatQueries(args->number, answer, release); break;
-    default: return 0;
+    default: return RunWmi(member, args, answer) ? 1 : 0;
     }
     return 1;
 }

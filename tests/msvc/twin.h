@@ -56,6 +56,17 @@ typedef enum TwinMember {
     TWIN_SOFT_COMPONENTS,  /* wide[0]: the parent text; wide[1], wide[2]: the list before */
     TWIN_INTERNAL_DEVICES,
     TWIN_DRIVER_STACK,
+    /* HalWmi made on wide[0] (the namespace); wide[1] the query or class, wide[2] the property */
+    TWIN_WMI_SELECT, /* number: the buffer's size; the buffer comes back as one text */
+    TWIN_WMI_SELECT_STR,
+    TWIN_WMI_SELECT_STR_A,
+    TWIN_WMI_SELECT_STR_B,
+    TWIN_WMI_SELECT_UINT,
+    TWIN_WMI_SELECT_UINT_ARRAY,
+    TWIN_WMI_CACHE_SUM,
+    TWIN_WMI_SELECT_BOOL,
+    TWIN_WMI_COPIES,  /* SelectStr on a copy, on an object assigned from it, and Init on each */
+    TWIN_WMI_METHODS, /* every firmware-channel member; number: GetOutPutUInt's command, narrow[0] the text one */
     TWIN_HAL_QUERIES, /* number: a device class; every code 0..29 through the flat API */
     TWIN_MEMBER_COUNT
 } TwinMember;

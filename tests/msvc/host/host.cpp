@@ -72,7 +72,8 @@ const char* const kMemberNames[TWIN_MEMBER_COUNT] = {
     "GetDeviceULONGInfoByHardwareId", "GetDeviceStrInfoByDesc", "GetDeviceULONGInfoByDesc",
     "UnstallDeviceByHardwareId", "UnstallDeviceByHardwareIdEx", "GetUnknownDeviceHardId", "GetDeviceHardwareIDList",
     "GetLastIntallTime", "GetAllDeviceHardwareId", "GetSoftComponentItems", "GetInternalDeviceHardwareId",
-    "GetDeviceStatck", "HalQueryInformation"};
+    "GetDeviceStatck", "Select", "SelectStr", "SelectStrA", "SelectStrB", "SelectUInt", "SelectUIntArray",
+    "SelectUintForCpuCacheL1AndL2", "SelectBool", "HalWmi copies", "HalWmi firmware channel", "HalQueryInformation"};
 
 struct Case {
     TwinMember member;
@@ -96,6 +97,11 @@ constexpr Case Registry(TwinMember member, const wchar_t* key, const wchar_t* na
 constexpr Case Device(TwinMember member, HalGuid guid, const wchar_t* a = nullptr, const wchar_t* b = nullptr,
                       const wchar_t* c = nullptr, const wchar_t* first = nullptr, bool everyProperty = false) {
     return {member, kDevices, {{a, b, c}, {}, guid, 0}, first, everyProperty};
+}
+constexpr wchar_t kCimv2[] = L"ROOT\\CIMV2";
+constexpr Case Wmi(TwinMember member, const wchar_t* query, const wchar_t* property, uint32_t number = 0,
+                   const wchar_t* first = nullptr, const wchar_t* nameSpace = kCimv2, const char* text = nullptr) {
+    return {member, kLaptop, {{nameSpace, query, property}, {text, nullptr}, {}, number}, first};
 }
 constexpr Case Flat(uint32_t type) { return {TWIN_HAL_QUERIES, kLaptop, {{}, {}, {}, type}}; }
 
@@ -145,6 +151,25 @@ constinit const Case kCases[] = {
     Device(TWIN_SOFT_COMPONENTS, kAudioClass, L"\\", L"kept", g_longWide, L"kept"),
     Device(TWIN_INTERNAL_DEVICES, kNetClass),
     Device(TWIN_DRIVER_STACK, kAudioClass, kCodec, nullptr, nullptr, L"\\Driver\\IntcAzAudAddService"),
+    Wmi(TWIN_WMI_SELECT, L"SELECT NumberOfCores FROM Win32_Processor", L"NumberOfCores", 4),
+    Wmi(TWIN_WMI_SELECT, L"SELECT Name FROM Win32_DiskDrive", L"Name", 64),
+    Wmi(TWIN_WMI_SELECT_STR, L"SELECT Caption FROM Win32_DiskDrive WHERE Index='0'", L"Caption", 0,
+        L"SAMSUNG MZVLB512HBJQ-000L7"),
+    Wmi(TWIN_WMI_SELECT_STR, L"SELECT Caption FROM Win32_DiskDrive WHERE Index='9'", L"Caption"),
+    Wmi(TWIN_WMI_SELECT_STR, g_longWide, L"Caption"),
+    Wmi(TWIN_WMI_SELECT_STR_A, L"Win32_PhysicalMemory", L"DeviceLocator", 0, L"ChannelA-DIMM0;ChannelB-DIMM0"),
+    Wmi(TWIN_WMI_SELECT_STR_B, L"SELECT Name FROM Win32_DiskDrive", L"Name", 0,
+        L"\\\\.\\PHYSICALDRIVE0;\\\\.\\PHYSICALDRIVE1"),
+    Wmi(TWIN_WMI_SELECT_UINT, L"SELECT MaxClockSpeed FROM Win32_Processor", L"MaxClockSpeed"),
+    Wmi(TWIN_WMI_SELECT_UINT, L"SELECT MaxClockSpeed FROM Win32_Processor", L"Absent"),
+    Wmi(TWIN_WMI_SELECT_UINT_ARRAY, L"Win32_CacheMemory", L"InstalledSize"),
+    Wmi(TWIN_WMI_CACHE_SUM, L"SELECT InstalledSize FROM Win32_CacheMemory WHERE Level='3'", L"InstalledSize"),
+    Wmi(TWIN_WMI_SELECT_BOOL, L"SELECT NumberOfCores FROM Win32_Processor", L"NumberOfCores"),
+    Wmi(TWIN_WMI_SELECT_STR, L"SELECT DeviceName FROM BatteryStaticData", L"DeviceName", 0, L"L20M3PF0",
+        L"ROOT\\WMI"),
+    Wmi(TWIN_WMI_COPIES, L"SELECT Caption FROM Win32_DiskDrive WHERE Index='1'", L"Caption", 0,
+        L"ST1000LM035-1RK172"),
+    Wmi(TWIN_WMI_METHODS, nullptr, nullptr, 0x0C03, nullptr, L"ROOT\\WMI", "030c01"),
     Flat(HAL_CLASS_CPU),
     Flat(HAL_CLASS_MAINBOARD),
     Flat(HAL_CLASS_DISK),
@@ -264,6 +289,41 @@ void SpecialMembers() {
     DeviceInformention& (DeviceInformention::*volatile assignDevice)(const DeviceInformention&) =
         &DeviceInformention::operator=;
     Check(&(otherDevice.*assignDevice)(device) == &otherDevice, "DeviceInformention's operator= returns its object");
+}
+
+// HalWmi lives in the host's own 48 bytes, between guard bytes that no member
+// touches; the namespace it is made on, passed by value, is the DLL's to
+// destroy and is freed exactly once.
+void HostWmiObject() {
+    static_assert(sizeof(HalWmi) == 48, "HalWmi as a host built with Microsoft's toolchain lays it out");
+    TwinInstallMachine(kLaptop);
+    constexpr size_t kGuard = 16;
+    alignas(16) unsigned char storage[2][kGuard + sizeof(HalWmi) + kGuard];
+    memset(storage, 0xA5, sizeof(storage));
+    auto guardsIntact = [&] {
+        for (const auto& place : storage)
+            for (size_t i = 0; i < kGuard; ++i)
+                if (place[i] != 0xA5 || place[kGuard + sizeof(HalWmi) + i] != 0xA5) return false;
+        return true;
+    };
+    const std::wstring nameSpace(kCimv2);
+    std::wstring padded(kCimv2);
+    padded += std::wstring(L"\\Absent, past the small buffer");
+    TwinForget();
+    HalWmi* wmi = new (storage[0] + kGuard) HalWmi(std::wstring(g_longWide));
+    Check(TwinFreed(nullptr) == 1, "the namespace taken by value is destroyed once, by the DLL");
+    HalWmi* copy = new (storage[1] + kGuard) HalWmi(*wmi);
+    *wmi = *copy;
+    HalWmi made{std::wstring(padded)};
+    *copy = made;  // grows the copy's namespace
+    *copy = HalWmi(std::wstring(nameSpace));  // and puts a short one in its place
+    Check(copy->SelectStr(L"SELECT Caption FROM Win32_DiskDrive WHERE Index='0'", L"Caption").size() == 26,
+          "an object assigned in the host's storage selects on its namespace");
+    Check(wmi->Init() && copy->Init(), "Init on objects the host placed");
+    Check(guardsIntact(), "the guard bytes around the host's HalWmi objects are untouched");
+    wmi->~HalWmi();
+    copy->~HalWmi();
+    Check(guardsIntact(), "destroying the objects leaves the guard bytes untouched");
 }
 
 // Each case on a fresh machine, once through the twin and once here.
@@ -400,6 +460,17 @@ constinit const Refusal kRefusals[] = {
     {"GetAllDeviceHardwareId", "size not a whole number of strings",
      [](Damaged& d) { d.list.last = reinterpret_cast<std::wstring*>(reinterpret_cast<char*>(d.list.last) - 8); },
      [](Damaged& d) { return DeviceInformention().GetAllDeviceHardwareId(d.list), true; }},
+    // (a namespace of the small buffer: the by-value argument frees nothing)
+    {"SelectStr", "size beyond capacity", [](Damaged& d) { d.wide.size_ = 16; },
+     [](Damaged& d) { return HalWmi(std::wstring(L"ROOT")).SelectStr(d.wide, L"Caption").empty(); }},
+    {"SelectUInt", "big block's back pointer 64 bytes back",
+     [](Damaged& d) { BackPointer(d.big) = reinterpret_cast<uintptr_t>(d.big.data()) - 64; },
+     [](Damaged& d) { return HalWmi(std::wstring(L"ROOT")).SelectUInt(L"SELECT NumberOfCores FROM Win32_Processor", d.big) == 0xFFFFFFFFu; }},
+    {"GetOutPutUIntByString", "no zero after the text", [](Damaged& d) { d.narrow.bx.buffer[3] = 'x'; },
+     [](Damaged& d) {
+         unsigned char output[16] = {};
+         return !HalWmi(std::wstring(L"ROOT")).GetOutPutUIntByString(d.narrow, output, sizeof(output));
+     }},
 };
 
 // The message begins "[member] argument refused".
@@ -476,6 +547,7 @@ bool RunHost() {
     if (!Check(TwinWatch() != 0, "the twin watches Torvex.dll")) return false;
     ImportsBound();
     SpecialMembers();
+    HostWmiObject();
     SameAnswers();
     AssignedStrings();
     FilledLists();
