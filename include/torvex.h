@@ -4,16 +4,17 @@
  *
  * The flat Hal API and the module entry points are plain C functions and can
  * be used from C and C++. Records handed out by the library are allocated
- * with the C runtime's malloc (msvcrt.dll) and belong to the caller, who
- * releases them with the same runtime's free. Every function returns a 32-bit
- * value in which 0 means failure.
+ * with the malloc of ucrtbase.dll (the C runtime of programs built with
+ * Microsoft's toolchain) and belong to the caller, who releases them with
+ * that runtime's free. Every function returns a 32-bit value in which 0
+ * means failure.
  *
  * The four helper classes at the end (HalWmi, DeviceInformention, ReadReg,
  * StringProc) are exported with the decorated names of the mingw-w64 GCC
  * toolchain; a C++ host built with that toolchain links against them through
- * the import library. DeviceInformention, ReadReg and StringProc are also
- * exported with Microsoft's decorated names, for hosts built with Microsoft's
- * toolchain (docs/api.md, "Two C++ boundaries").
+ * the import library. All four are also exported with Microsoft's decorated
+ * names, for hosts built with Microsoft's toolchain (docs/api.md, "Two C++
+ * boundaries").
  */
 #ifndef TORVEX_H
 #define TORVEX_H
