@@ -6,7 +6,15 @@
 // hand-written, hand-written, library, ...) after a few warm-up calls; the
 // medians and their ratio are reported per query.
 //
-//   torvex_bench.exe [--iterations N]
+// Then the helper classes' two C++ boundaries, side by side: the same member
+// called through its GCC-decorated export (libstdc++ strings, as a GCC host
+// calls it) and through its Microsoft-decorated one (resolved by name, with
+// strings and vectors in the Microsoft library's layout over ucrtbase.dll, as
+// an MSVC-built host calls it). Batches of calls alternate between the two
+// sides; per member, the median time per call of each side and the median of
+// the rounds' ratios are reported.
+//
+//   torvex_bench.exe [--iterations N] [--rounds N] [--boundaries-only]
 #include <windows.h>
 #include <objbase.h>
 #include <wbemidl.h>
@@ -17,9 +25,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <memory>
+#include <new>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "msvc/msvc_layout.h"
 #include "torvex.h"
 #include "torvex/com_ptr.h"
 #include "torvex/text.h"
@@ -223,9 +235,337 @@ void PrintTable(const std::vector<Pair>& pairs, const std::vector<Side>& library
     }
 }
 
+// ------------------------------------------------- the two C++ boundaries
+
+namespace msvc = torvex::msvc;
+
+constexpr double kBoundaryGoal = 1.05;
+constexpr int kDefaultRounds = 21;
+constexpr long kMaxRounds = 10001;
+constexpr double kBatchMicros = 4000;  // about what one side's batch of calls takes
+constexpr size_t kMaxBatch = size_t{1} << 24;
+constexpr size_t kLongText = 5000;
+
+// One call of one side, everything it returned destroyed as its host would.
+using BoundaryCall = std::function<void()>;
+
+struct BoundaryCase {
+    std::string member;
+    std::string argument;  // what the call is given, for the table
+    BoundaryCall gcc;
+    BoundaryCall microsoft;
+    bool same = false;  // both sides gave the same answer (checked once, before timing)
+};
+
+struct BoundaryTiming {
+    double gccNanos = 0;
+    double microsoftNanos = 0;
+    double ratio = 0;  // median of the rounds' Microsoft / GCC
+    size_t batch = 1;
+};
+
+// A Microsoft-decorated export of Torvex.dll, by the name Torvex.def gives
+// it; called with the explicit pointers of the Microsoft x64 convention.
+template <typename Fn>
+Fn MicrosoftExport(const char* name) {
+    const HMODULE dll = GetModuleHandleW(L"Torvex.dll");
+    return dll ? reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(dll, name))) : nullptr;
+}
+
+// A string as an MSVC-built host holds it, in that library's layout over
+// ucrtbase.dll's heap, destroyed as that library destroys it.
+template <typename C>
+struct HostString {
+    msvc::String<C> value;
+    explicit HostString(std::basic_string_view<C> text = {}) {
+        if (!msvc::Construct(&value, text)) throw std::bad_alloc();
+    }
+    HostString(const HostString&) = delete;
+    HostString& operator=(const HostString&) = delete;
+    ~HostString() { msvc::Destroy(&value); }
+};
+
+// A vector<wstring> a member returned to an MSVC-built host: its elements and
+// its block are the host's to destroy.
+void DestroyHostVector(msvc::WideVector& list) {
+    msvc::Clear(&list);
+    if (list.first != nullptr)
+        msvc::Deallocate(list.first, static_cast<size_t>(list.end - list.first) * sizeof(msvc::WideString));
+    list = {nullptr, nullptr, nullptr};
+}
+
+// A result the host is done with: its library's destructor, which frees only
+// a heap-mode string, inlined as in the host.
+template <typename C>
+void Release(msvc::String<C>& text) {
+    if (text.Large()) msvc::Destroy(&text);
+}
+
+template <typename C>
+std::basic_string<C> TextOf(const msvc::String<C>& text) {
+    return std::basic_string<C>(msvc::View(&text));
+}
+
+// Printable text of a few characters over `length` units: the long argument.
+std::string LongText(size_t length) {
+    constexpr std::string_view kWords = "Intel(R) Wi-Fi 6 AX201 160MHz, Realtek High Definition Audio; ";
+    std::string text;
+    while (text.size() < length) text += kWords;
+    text.resize(length);
+    text.back() = '.';
+    return text;
+}
+
+std::wstring Widened(std::string_view text) { return std::wstring(text.begin(), text.end()); }
+
+// A StringProc function of one string: the GCC side passes a libstdc++
+// string, the Microsoft side the host's string and the hidden result pointer
+// first (a free function's result comes before its arguments).
+template <typename In, typename Out>
+BoundaryCase TextCase(const char* member, const char* argument, Out (*gcc)(const In&), const char* decorated,
+                      In text) {
+    using InChar = typename In::value_type;
+    using OutChar = typename Out::value_type;
+    using Microsoft = msvc::String<OutChar>* (*)(msvc::String<OutChar>*, const msvc::String<InChar>*);
+    const auto microsoft = MicrosoftExport<Microsoft>(decorated);
+    if (microsoft == nullptr) return {member, argument, nullptr, nullptr, false};
+    auto gccText = std::make_shared<const In>(std::move(text));
+    auto hostText = std::make_shared<const HostString<InChar>>(*gccText);
+
+    msvc::String<OutChar> answer;
+    microsoft(&answer, &hostText->value);
+    const bool same = TextOf(answer) == gcc(*gccText);
+    msvc::Destroy(&answer);
+
+    return {member, argument, [gcc, gccText] { gcc(*gccText); },
+            [microsoft, hostText] {
+                msvc::String<OutChar> result;
+                microsoft(&result, &hostText->value);
+                Release(result);
+            },
+            same};
+}
+
+BoundaryCase ReplacePlaceholderCase(const char* argument, const std::wstring& text, const std::wstring& replacement) {
+    using Microsoft = msvc::WideString* (*)(msvc::WideString*, const msvc::WideString*, const msvc::WideString*,
+                                            const msvc::WideString*);
+    const auto microsoft = MicrosoftExport<Microsoft>(
+        "?ReplacePlaceholder@StringProc@@YA?AV?$basic_string@_WU?$char_traits@_W@std@@V?$allocator@_W@2@@std@@"
+        "AEBV23@00@Z");
+    if (microsoft == nullptr) return {"ReplacePlaceholder", argument, nullptr, nullptr, false};
+    struct Arguments {
+        Arguments(const std::wstring& text, const std::wstring& replacement) : text(text), replacement(replacement) {}
+        std::wstring text, replacement, placeholder = L"%s";
+        HostString<wchar_t> hostText{text}, hostReplacement{replacement}, hostPlaceholder{placeholder};
+    };
+    auto args = std::make_shared<const Arguments>(text, replacement);
+    const auto callMicrosoft = [microsoft, args](msvc::WideString* result) {
+        microsoft(result, &args->hostText.value, &args->hostReplacement.value, &args->hostPlaceholder.value);
+    };
+
+    msvc::WideString answer;
+    callMicrosoft(&answer);
+    const bool same = TextOf(answer) == StringProc::ReplacePlaceholder(args->text, args->replacement, args->placeholder);
+    msvc::Destroy(&answer);
+
+    return {"ReplacePlaceholder", argument,
+            [args] { StringProc::ReplacePlaceholder(args->text, args->replacement, args->placeholder); },
+            [callMicrosoft] {
+                msvc::WideString result;
+                callMicrosoft(&result);
+                Release(result);
+            },
+            same};
+}
+
+// A text value read into a string each host keeps from call to call.
+BoundaryCase RegistryTextCase(const wchar_t* subKey, const wchar_t* valueName, const char* argument) {
+    using Microsoft = bool (*)(const msvc::WideString*, const msvc::WideString*, msvc::WideString*);
+    const auto microsoft = MicrosoftExport<Microsoft>(
+        "?ReadLocalMachineRegRZ@ReadReg@@SA_NAEBV?$basic_string@_WU?$char_traits@_W@std@@V?$allocator@_W@2@@std@@"
+        "0AEAV23@@Z");
+    if (microsoft == nullptr) return {"ReadLocalMachineRegRZ", argument, nullptr, nullptr, false};
+    struct Values {
+        Values(const wchar_t* subKey, const wchar_t* valueName) : subKey(subKey), valueName(valueName) {}
+        std::wstring subKey, valueName, value;
+        HostString<wchar_t> hostSubKey{subKey}, hostValueName{valueName}, hostValue;
+    };
+    auto values = std::make_shared<Values>(subKey, valueName);
+
+    const bool gccRead = ReadReg::ReadLocalMachineRegRZ(values->subKey, values->valueName, values->value);
+    const bool microsoftRead = microsoft(&values->hostSubKey.value, &values->hostValueName.value,
+                                         &values->hostValue.value);
+    const bool same = gccRead == microsoftRead && values->value == TextOf(values->hostValue.value);
+
+    return {"ReadLocalMachineRegRZ", argument,
+            [values] { ReadReg::ReadLocalMachineRegRZ(values->subKey, values->valueName, values->value); },
+            [microsoft, values] {
+                microsoft(&values->hostSubKey.value, &values->hostValueName.value, &values->hostValue.value);
+            },
+            same};
+}
+
+// GetDeviceHardwareId of the first of a few setup classes that lists a
+// device here; the Microsoft side constructs its own object with the
+// Microsoft-decorated constructor and passes `this`, then the result pointer.
+BoundaryCase DeviceListCase() {
+    using Microsoft = msvc::WideVector* (*)(void*, msvc::WideVector*, const GUID*);
+    using Construct = void* (*)(void*);
+    const auto microsoft = MicrosoftExport<Microsoft>(
+        "?GetDeviceHardwareId@DeviceInformention@@QEAA?AV?$vector@V?$basic_string@_WU?$char_traits@_W@std@@V?$"
+        "allocator@_W@2@@std@@V?$allocator@V?$basic_string@_WU?$char_traits@_W@std@@V?$allocator@_W@2@@std@@@2@@"
+        "std@@AEBU_GUID@@@Z");
+    const auto construct = MicrosoftExport<Construct>("??0DeviceInformention@@QEAA@XZ");
+    if (microsoft == nullptr || construct == nullptr) return {"GetDeviceHardwareId", "", nullptr, nullptr, false};
+
+    struct SetupClass {
+        const char* name;
+        GUID guid;
+    };
+    static const SetupClass kClasses[] = {
+        {"Display", {0x4d36e968, 0xe325, 0x11ce, {0xbf, 0xc1, 0x08, 0x00, 0x2b, 0xe1, 0x03, 0x18}}},
+        {"System", {0x4d36e97d, 0xe325, 0x11ce, {0xbf, 0xc1, 0x08, 0x00, 0x2b, 0xe1, 0x03, 0x18}}},
+        {"Net", {0x4d36e972, 0xe325, 0x11ce, {0xbf, 0xc1, 0x08, 0x00, 0x2b, 0xe1, 0x03, 0x18}}},
+    };
+    auto device = std::make_shared<DeviceInformention>();
+    const SetupClass* chosen = &kClasses[0];
+    std::vector<std::wstring> expected;
+    for (const SetupClass& setupClass : kClasses) {
+        expected = device->GetDeviceHardwareId(setupClass.guid);
+        chosen = &setupClass;
+        if (!expected.empty()) break;
+    }
+    const GUID guid = chosen->guid;
+    // The class holds no data: any storage of its size is an object once constructed.
+    auto hostDevice = std::make_shared<DeviceInformention>();
+    construct(hostDevice.get());
+
+    msvc::WideVector answer;
+    microsoft(hostDevice.get(), &answer, &guid);
+    std::vector<std::wstring> found;
+    for (const msvc::WideString* item = answer.first; item != answer.last; ++item) found.push_back(TextOf(*item));
+    DestroyHostVector(answer);
+
+    return {"GetDeviceHardwareId",
+            std::string("class ") + chosen->name + " (" + std::to_string(expected.size()) + " ids)",
+            [device, guid] { device->GetDeviceHardwareId(guid); },
+            [microsoft, hostDevice, guid] {
+                msvc::WideVector result;
+                microsoft(hostDevice.get(), &result, &guid);
+                DestroyHostVector(result);
+            },
+            found == expected};
+}
+
+double TicksPerNano() {
+    static const double ticks = [] {
+        LARGE_INTEGER frequency;
+        QueryPerformanceFrequency(&frequency);
+        return static_cast<double>(frequency.QuadPart) / 1e9;
+    }();
+    return ticks;
+}
+
+double NanosPerCall(const BoundaryCall& call, size_t batch) {
+    LARGE_INTEGER start, stop;
+    QueryPerformanceCounter(&start);
+    for (size_t i = 0; i < batch; ++i) call();
+    QueryPerformanceCounter(&stop);
+    return static_cast<double>(stop.QuadPart - start.QuadPart) / TicksPerNano() / static_cast<double>(batch);
+}
+
+// After a warm-up, the batch grows until one takes about kBatchMicros; then
+// each round times one batch per side, the two sides swapping which goes
+// first every round, so that both see the same state of the machine.
+BoundaryTiming MeasureBoundary(const BoundaryCase& c, int rounds) {
+    BoundaryTiming timing;
+    c.gcc();
+    c.microsoft();
+    while (timing.batch < kMaxBatch && NanosPerCall(c.gcc, timing.batch) * timing.batch < kBatchMicros * 500)
+        timing.batch *= 2;
+    std::vector<double> gcc, microsoft, ratios;
+    for (int round = 0; round < rounds; ++round) {
+        double g, m;
+        if (round % 2 == 0) {
+            g = NanosPerCall(c.gcc, timing.batch);
+            m = NanosPerCall(c.microsoft, timing.batch);
+        } else {
+            m = NanosPerCall(c.microsoft, timing.batch);
+            g = NanosPerCall(c.gcc, timing.batch);
+        }
+        gcc.push_back(g);
+        microsoft.push_back(m);
+        if (g > 0) ratios.push_back(m / g);
+    }
+    timing.gccNanos = Median(gcc);
+    timing.microsoftNanos = Median(microsoft);
+    timing.ratio = ratios.empty() ? 0 : Median(ratios);
+    return timing;
+}
+
+void RunBoundaries(int rounds) {
+    const std::string longNarrow = LongText(kLongText);
+    const std::wstring longWide = Widened(longNarrow);
+    const std::wstring longPadded = L"  " + longWide.substr(0, kLongText - 4) + L"  ";
+    const std::wstring longTemplate = longWide.substr(0, kLongText / 2 - 1) + L"%s" + longWide.substr(kLongText / 2 + 1);
+    constexpr char kStringToWString[] =
+        "?StringToWString@StringProc@@YA?AV?$basic_string@_WU?$char_traits@_W@std@@V?$allocator@_W@2@@std@@AEBV?$"
+        "basic_string@DU?$char_traits@D@std@@V?$allocator@D@2@@3@@Z";
+    constexpr char kWStringToString[] =
+        "?WStringToString@StringProc@@YA?AV?$basic_string@DU?$char_traits@D@std@@V?$allocator@D@2@@std@@AEBV?$"
+        "basic_string@_WU?$char_traits@_W@std@@V?$allocator@_W@2@@3@@Z";
+    constexpr char kWStringTrim[] =
+        "?WStringTrim@StringProc@@YA?AV?$basic_string@_WU?$char_traits@_W@std@@V?$allocator@_W@2@@std@@AEBV23@@Z";
+    constexpr char kToLower[] =
+        "?ToLower@StringProc@@YA?AV?$basic_string@DU?$char_traits@D@std@@V?$allocator@D@2@@std@@AEBV23@@Z";
+
+    // Short arguments (7 units) stay in both libraries' in-object buffers;
+    // long ones (5,000 units) and their results live on the heaps.
+    const std::vector<BoundaryCase> cases = {
+        TextCase("StringToWString", "short (7)", &StringProc::StringToWString, kStringToWString, std::string("AMD CPU")),
+        TextCase("StringToWString", "long (5,000)", &StringProc::StringToWString, kStringToWString, longNarrow),
+        TextCase("WStringToString", "short (7)", &StringProc::WStringToString, kWStringToString, std::wstring(L"AMD CPU")),
+        TextCase("WStringToString", "long (5,000)", &StringProc::WStringToString, kWStringToString, longWide),
+        TextCase("WStringTrim", "short (7)", &StringProc::WStringTrim, kWStringTrim, std::wstring(L" Wi-Fi ")),
+        TextCase("WStringTrim", "long (5,000)", &StringProc::WStringTrim, kWStringTrim, longPadded),
+        TextCase("ToLower", "short (7)", &StringProc::ToLower, kToLower, std::string("AMD CPU")),
+        TextCase("ToLower", "long (5,000)", &StringProc::ToLower, kToLower, longNarrow),
+        ReplacePlaceholderCase("short (6)", L"Hz: %s", L"5"),
+        ReplacePlaceholderCase("long (5,000)", longTemplate, L"5000"),
+        RegistryTextCase(kCpuKey, L"ProcessorNameString", "CPU name"),
+        DeviceListCase(),
+    };
+
+    std::printf("torvex_bench: the helper classes' two C++ boundaries, side by side: median per call over %d rounds\n"
+                "(each round one batch of calls per side, the two sides alternating)\n\n",
+                rounds);
+    std::printf("%-22s %-20s %12s %14s %7s  %s\n", "member", "argument", "GCC ns", "Microsoft ns", "ratio",
+                "verdict");
+    std::vector<std::string> notes;
+    for (const BoundaryCase& c : cases) {
+        if (!c.gcc || !c.microsoft) {
+            std::printf("%-22s %-20s %12s %14s %7s  %s\n", c.member.c_str(), c.argument.c_str(), "-", "-", "-",
+                        "MISSING");
+            notes.push_back(c.member + ": no Microsoft-decorated export of that name in Torvex.dll");
+            continue;
+        }
+        const BoundaryTiming timing = MeasureBoundary(c, rounds);
+        std::printf("%-22s %-20s %12.1f %14.1f %7.3f  %s\n", c.member.c_str(), c.argument.c_str(), timing.gccNanos,
+                    timing.microsoftNanos, timing.ratio, timing.ratio <= kBoundaryGoal ? "PASS" : "ABOVE");
+        if (!c.same) notes.push_back(c.member + " (" + c.argument + "): the two boundaries answered differently");
+    }
+    std::printf("\ngoal: Microsoft / GCC <= %.2f (median of the rounds' ratios)\n", kBoundaryGoal);
+    for (const std::string& note : notes) std::printf("note: %s\n", note.c_str());
+    std::printf("\n");
+}
+
 int Usage() {
-    std::fprintf(stderr, "usage: torvex_bench.exe [--iterations N]   (1 <= N <= %ld, default %d)\n",
-                 kMaxIterations, kDefaultIterations);
+    std::fprintf(stderr,
+                 "usage: torvex_bench.exe [--iterations N] [--rounds N] [--boundaries-only]\n"
+                 "  --iterations N     library and hand-written queries (1 <= N <= %ld, default %d)\n"
+                 "  --rounds N         rounds of the two C++ boundaries (1 <= N <= %ld, default %d)\n"
+                 "  --boundaries-only  measure the two C++ boundaries and stop\n",
+                 kMaxIterations, kDefaultIterations, kMaxRounds, kDefaultRounds);
     return 2;
 }
 
@@ -233,13 +573,18 @@ int Usage() {
 
 int main(int argc, char** argv) {
     int iterations = kDefaultIterations;
+    int rounds = kDefaultRounds;
+    bool boundariesOnly = false;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
-        if (arg == "--iterations" && i + 1 < argc) {
+        if ((arg == "--iterations" || arg == "--rounds") && i + 1 < argc) {
+            const long max = arg == "--rounds" ? kMaxRounds : kMaxIterations;
             char* end = nullptr;
             const long value = std::strtol(argv[++i], &end, 10);
-            if (end == argv[i] || *end != '\0' || value < 1 || value > kMaxIterations) return Usage();
-            iterations = static_cast<int>(value);
+            if (end == argv[i] || *end != '\0' || value < 1 || value > max) return Usage();
+            (arg == "--rounds" ? rounds : iterations) = static_cast<int>(value);
+        } else if (arg == "--boundaries-only") {
+            boundariesOnly = true;
         } else {
             return Usage();
         }
@@ -250,6 +595,11 @@ int main(int argc, char** argv) {
     if (FAILED(CoInitializeEx(nullptr, COINIT_MULTITHREADED))) {
         std::fprintf(stderr, "torvex_bench: CoInitializeEx failed\n");
         return 1;
+    }
+    RunBoundaries(rounds);
+    if (boundariesOnly) {
+        CoUninitialize();
+        return 0;
     }
     HalInit(HAL_CLASS_CPU, nullptr);
     HalInit(HAL_CLASS_MAINBOARD, nullptr);

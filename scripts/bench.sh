@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Latency benchmark: builds (scripts/setup.sh), runs torvex_bench.exe under
-# Wine, then measures the wall time of the whole `torvex report`, of a
-# capture, of replays (vendor libraries included) and of `torvex diff`.
-# Extra arguments go to torvex_bench.exe, e.g. --iterations 50.
+# Wine (the helper classes' two C++ boundaries side by side, then Hal API
+# queries against hand-written calls), then measures the wall time of the
+# whole `torvex report`, of a capture, of replays (vendor libraries
+# included) and of `torvex diff`.
+# Extra arguments go to torvex_bench.exe, e.g. --iterations 50 or --rounds 41.
 # TORVEX_REPORT_RUNS sets how many reports are timed (default 5).
 # Then the profile loader and replay on large profiles (benchmarks/make_profiles.py),
 # TORVEX_PROFILE_RUNS times each (default 3).

@@ -10,31 +10,55 @@
 
 namespace torvex::text {
 
-// Two passes: measure, then convert into a string of exactly that length.
-// The input's own length is passed, so no terminator is converted; text that
-// measures 0 characters (or is too long to pass) gives an empty result.
-inline std::wstring ToWide(std::string_view text, UINT codePage) {
-    if (text.empty() || text.size() > static_cast<size_t>(INT_MAX)) return {};
+// Two passes: measure, then convert into storage of exactly that length,
+// which `storage(units)` provides (a pointer to that many units, or null when
+// it has none). The input's own length is passed, so no terminator is
+// converted. Returns the units written: 0 for text that measures 0 characters,
+// is too long to pass or found no storage.
+template <typename Storage>
+size_t ToWideIn(std::string_view text, UINT codePage, Storage&& storage) {
+    if (text.empty() || text.size() > static_cast<size_t>(INT_MAX)) return 0;
     const int length = static_cast<int>(text.size());
     const int needed = ::MultiByteToWideChar(codePage, 0, text.data(), length, nullptr, 0);
-    if (needed <= 0) return {};
-    std::wstring result(static_cast<size_t>(needed), L'\0');
-    const int converted = ::MultiByteToWideChar(codePage, 0, text.data(), length, result.data(), needed);
-    if (converted <= 0) return {};
-    result.resize(static_cast<size_t>(converted));
+    if (needed <= 0) return 0;
+    wchar_t* out = storage(static_cast<size_t>(needed));
+    if (out == nullptr) return 0;
+    const int converted = ::MultiByteToWideChar(codePage, 0, text.data(), length, out, needed);
+    return converted <= 0 ? 0 : static_cast<size_t>(converted);
+}
+
+template <typename Storage>
+size_t ToNarrowIn(std::wstring_view text, UINT codePage, Storage&& storage) {
+    if (text.empty() || text.size() > static_cast<size_t>(INT_MAX)) return 0;
+    const int length = static_cast<int>(text.size());
+    const int needed = ::WideCharToMultiByte(codePage, 0, text.data(), length, nullptr, 0, nullptr, nullptr);
+    if (needed <= 0) return 0;
+    char* out = storage(static_cast<size_t>(needed));
+    if (out == nullptr) return 0;
+    const int converted = ::WideCharToMultiByte(codePage, 0, text.data(), length, out, needed, nullptr, nullptr);
+    return converted <= 0 ? 0 : static_cast<size_t>(converted);
+}
+
+// The same into a string of its own; an empty result is a new empty string.
+inline std::wstring ToWide(std::string_view text, UINT codePage) {
+    std::wstring result;
+    const size_t converted = ToWideIn(text, codePage, [&result](size_t units) {
+        result.resize(units);
+        return result.data();
+    });
+    if (converted == 0) return {};
+    result.resize(converted);
     return result;
 }
 
 inline std::string ToNarrow(std::wstring_view text, UINT codePage) {
-    if (text.empty() || text.size() > static_cast<size_t>(INT_MAX)) return {};
-    const int length = static_cast<int>(text.size());
-    const int needed = ::WideCharToMultiByte(codePage, 0, text.data(), length, nullptr, 0, nullptr, nullptr);
-    if (needed <= 0) return {};
-    std::string result(static_cast<size_t>(needed), '\0');
-    const int converted =
-        ::WideCharToMultiByte(codePage, 0, text.data(), length, result.data(), needed, nullptr, nullptr);
-    if (converted <= 0) return {};
-    result.resize(static_cast<size_t>(converted));
+    std::string result;
+    const size_t converted = ToNarrowIn(text, codePage, [&result](size_t units) {
+        result.resize(units);
+        return result.data();
+    });
+    if (converted == 0) return {};
+    result.resize(converted);
     return result;
 }
 

@@ -10,6 +10,10 @@
 //   3. run that same member: one implementation behind both boundaries;
 //   4. write the result once in the host's layout (Return, AppendAll).
 //
+// StringProc's functions cost about as little as a copy of their text, so
+// they skip step 2: they read the host's strings in place and build their
+// result straight in its layout (string_proc_msvc.cpp).
+//
 // No exception crosses into the host: a refused argument or an allocation
 // failure gives the member's failure default and a debug message.
 #pragma once

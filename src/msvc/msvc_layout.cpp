@@ -72,25 +72,37 @@ bool Valid(const String<C>* text) noexcept {
 }
 
 template <typename C>
-bool Construct(String<C>* out, std::basic_string_view<C> text) noexcept {
+C* ConstructForOverwrite(String<C>* out, size_t size) noexcept {
     MakeEmpty(out);
-    const size_t size = text.size();
     if (size <= String<C>::kSmallCapacity) {
-        if (size != 0) std::memcpy(out->buffer, text.data(), size * sizeof(C));
         out->buffer[size] = C{};
         out->size = size;
-        return true;
+        return out->buffer;
     }
-    if (size > MaxStringSize<C>()) return false;
+    if (size > MaxStringSize<C>()) return nullptr;
     const size_t capacity = StringCapacityFor<C>(size, String<C>::kSmallCapacity);
     C* block = static_cast<C*>(Allocate((capacity + 1) * sizeof(C)));
-    if (block == nullptr) return false;
-    std::memcpy(block, text.data(), size * sizeof(C));
+    if (block == nullptr) return nullptr;
     block[size] = C{};
     out->pointer = block;
     out->size = size;
     out->capacity = capacity;
+    return block;
+}
+
+template <typename C>
+bool Construct(String<C>* out, std::basic_string_view<C> text) noexcept {
+    C* data = ConstructForOverwrite(out, text.size());
+    if (data == nullptr) return false;
+    if (!text.empty()) std::memcpy(data, text.data(), text.size() * sizeof(C));
     return true;
+}
+
+template <typename C>
+void Truncate(String<C>* text, size_t size) noexcept {
+    if (size >= text->size) return;
+    text->size = size;
+    text->Data()[size] = C{};
 }
 
 template <typename C>
@@ -137,8 +149,12 @@ bool TakeByValue(String<C>* argument, std::basic_string<C>& out) {
 
 template bool Valid(const NarrowString*) noexcept;
 template bool Valid(const WideString*) noexcept;
+template char* ConstructForOverwrite(NarrowString*, size_t) noexcept;
+template wchar_t* ConstructForOverwrite(WideString*, size_t) noexcept;
 template bool Construct(NarrowString*, std::string_view) noexcept;
 template bool Construct(WideString*, std::wstring_view) noexcept;
+template void Truncate(NarrowString*, size_t) noexcept;
+template void Truncate(WideString*, size_t) noexcept;
 template bool Assign(NarrowString*, std::string_view) noexcept;
 template bool Assign(WideString*, std::wstring_view) noexcept;
 template void Destroy(NarrowString*) noexcept;

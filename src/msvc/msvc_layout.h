@@ -111,6 +111,16 @@ bool Valid(const String<C>* text) noexcept;
 // False when memory ran out; `out` is then a valid empty string.
 template <typename C>
 bool Construct(String<C>* out, std::basic_string_view<C> text) noexcept;
+// Builds a string of `size` units in raw storage as the library's
+// constructor builds one of that length, the zero after the text written and
+// the text itself left for the caller to write; returns where it goes. Null
+// when memory ran out; `out` is then a valid empty string.
+template <typename C>
+C* ConstructForOverwrite(String<C>* out, size_t size) noexcept;
+// Shortens a valid string to `size` units (no more than it holds), keeping
+// its block, as the library's resize does.
+template <typename C>
+void Truncate(String<C>* text, size_t size) noexcept;
 // Replaces a valid string's text in place, growing it as the library's
 // assign does. False when memory ran out; `target` is then unchanged.
 template <typename C>
