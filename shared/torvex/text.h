@@ -40,9 +40,11 @@ size_t ToNarrowIn(std::wstring_view text, UINT codePage, Storage&& storage) {
 }
 
 // The same into a string of its own; an empty result is a new empty string.
-inline std::wstring ToWide(std::string_view text, UINT codePage) {
-    std::wstring result;
-    const size_t converted = ToWideIn(text, codePage, [&result](size_t units) {
+// `convertIn` is ToWideIn or ToNarrowIn.
+template <typename Result, typename Text, typename ConvertIn>
+Result IntoString(Text text, UINT codePage, ConvertIn convertIn) {
+    Result result;
+    const size_t converted = convertIn(text, codePage, [&result](size_t units) {
         result.resize(units);
         return result.data();
     });
@@ -51,15 +53,14 @@ inline std::wstring ToWide(std::string_view text, UINT codePage) {
     return result;
 }
 
+inline std::wstring ToWide(std::string_view text, UINT codePage) {
+    return IntoString<std::wstring>(text, codePage,
+                                    [](auto in, UINT page, auto storage) { return ToWideIn(in, page, storage); });
+}
+
 inline std::string ToNarrow(std::wstring_view text, UINT codePage) {
-    std::string result;
-    const size_t converted = ToNarrowIn(text, codePage, [&result](size_t units) {
-        result.resize(units);
-        return result.data();
-    });
-    if (converted == 0) return {};
-    result.resize(converted);
-    return result;
+    return IntoString<std::string>(text, codePage,
+                                   [](auto in, UINT page, auto storage) { return ToNarrowIn(in, page, storage); });
 }
 
 inline std::string Utf8(std::wstring_view text) { return ToNarrow(text, CP_UTF8); }
