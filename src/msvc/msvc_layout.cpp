@@ -59,7 +59,7 @@ void Deallocate(void* pointer, size_t bytes) noexcept {
 // --------------------------------------------------------------- strings
 
 template <typename C>
-bool Valid(const String<C>* text) noexcept {
+bool ValidLarge(const String<C>* text) noexcept {
     if (text == nullptr) return false;
     if (text->capacity < String<C>::kSmallCapacity || text->capacity > MaxStringSize<C>()) return false;
     if (text->size > text->capacity) return false;
@@ -91,7 +91,7 @@ C* ConstructForOverwrite(String<C>* out, size_t size) noexcept {
 }
 
 template <typename C>
-bool Construct(String<C>* out, std::basic_string_view<C> text) noexcept {
+bool ConstructLarge(String<C>* out, std::basic_string_view<C> text) noexcept {
     C* data = ConstructForOverwrite(out, text.size());
     if (data == nullptr) return false;
     if (!text.empty()) std::memcpy(data, text.data(), text.size() * sizeof(C));
@@ -147,12 +147,12 @@ bool TakeByValue(String<C>* argument, std::basic_string<C>& out) {
     return true;
 }
 
-template bool Valid(const NarrowString*) noexcept;
-template bool Valid(const WideString*) noexcept;
+template bool ValidLarge(const NarrowString*) noexcept;
+template bool ValidLarge(const WideString*) noexcept;
 template char* ConstructForOverwrite(NarrowString*, size_t) noexcept;
 template wchar_t* ConstructForOverwrite(WideString*, size_t) noexcept;
-template bool Construct(NarrowString*, std::string_view) noexcept;
-template bool Construct(WideString*, std::wstring_view) noexcept;
+template bool ConstructLarge(NarrowString*, std::string_view) noexcept;
+template bool ConstructLarge(WideString*, std::wstring_view) noexcept;
 template void Truncate(NarrowString*, size_t) noexcept;
 template void Truncate(WideString*, size_t) noexcept;
 template bool Assign(NarrowString*, std::string_view) noexcept;

@@ -29,6 +29,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -105,12 +106,29 @@ constexpr size_t VectorCapacityFor(size_t needed, size_t old) {
 
 // --------------------------------------------------------------- strings
 // Whether a host's string is one its library could have made (see the top).
+// Most strings are small and are decided inline; the rest out of line.
 template <typename C>
-bool Valid(const String<C>* text) noexcept;
+bool ValidLarge(const String<C>* text) noexcept;
+template <typename C>
+inline bool Valid(const String<C>* text) noexcept {
+    if (text == nullptr) return false;
+    if (text->capacity != String<C>::kSmallCapacity) return ValidLarge(text);
+    return text->size <= String<C>::kSmallCapacity && text->buffer[text->size] == C{};
+}
 // Builds a string in raw storage the way the library's constructor does.
-// False when memory ran out; `out` is then a valid empty string.
+// False when memory ran out; `out` is then a valid empty string. A text that
+// fits the small buffer is copied inline.
 template <typename C>
-bool Construct(String<C>* out, std::basic_string_view<C> text) noexcept;
+bool ConstructLarge(String<C>* out, std::basic_string_view<C> text) noexcept;
+template <typename C>
+inline bool Construct(String<C>* out, std::basic_string_view<C> text) noexcept {
+    if (text.size() > String<C>::kSmallCapacity) return ConstructLarge(out, text);
+    if (!text.empty()) std::memcpy(out->buffer, text.data(), text.size() * sizeof(C));
+    out->buffer[text.size()] = C{};
+    out->size = text.size();
+    out->capacity = String<C>::kSmallCapacity;
+    return true;
+}
 // Builds a string of `size` units in raw storage as the library's
 // constructor builds one of that length, the zero after the text written and
 // the text itself left for the caller to write; returns where it goes. Null
