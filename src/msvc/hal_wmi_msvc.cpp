@@ -8,7 +8,6 @@
 
 #include <cstddef>
 #include <exception>
-#include <new>
 #include <optional>
 
 #include "msvc/msvc_call.h"
@@ -59,12 +58,7 @@ auto OnTarget(const char* member, const HostWmi* self, Fn&& fn, const Texts*... 
 template <typename Select>
 WideString* SelectText(const char* member, const HostWmi* self, WideString* result, Select select,
                        const WideString* first, const WideString* property) noexcept {
-    return Return(result, OnTarget(
-                              member, self,
-                              [&](const wmi::Target& target, std::wstring_view a, std::wstring_view b) {
-                                  return select(target, a, b);
-                              },
-                              first, property));
+    return Return(result, OnTarget(member, self, select, first, property));
 }
 
 // The start-up the constructors and Init run: COM entered, then the
